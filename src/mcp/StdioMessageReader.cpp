@@ -1,0 +1,185 @@
+#include "mcp/StdioMessageReader.h"
+
+#include "support/Logger.h"
+
+#include <cerrno>
+#include <charconv>
+#include <cstring>
+#include <poll.h>
+#include <unistd.h>
+
+namespace tavix {
+namespace {
+
+std::string_view trimmed(std::string_view text) {
+  const size_t first = text.find_first_not_of(" \t");
+  if (first == std::string_view::npos)
+    return {};
+  return text.substr(first, text.find_last_not_of(" \t") - first + 1);
+}
+
+bool isValidUTF8(std::string_view text) {
+  size_t i = 0;
+  while (i < text.size()) {
+    const auto lead = static_cast<unsigned char>(text[i]);
+    size_t length = lead < 0x80 ? 1 : lead >= 0xC2 && lead <= 0xDF ? 2 : lead >= 0xE0 && lead <= 0xEF ? 3
+                                  : lead >= 0xF0 && lead <= 0xF4 ? 4 : 0;
+    if (length == 0 || i + length > text.size())
+      return false;
+    for (size_t k = 1; k < length; ++k)
+      if ((static_cast<unsigned char>(text[i + k]) & 0xC0) != 0x80)
+        return false;
+    const auto second = static_cast<unsigned char>(length > 1 ? text[i + 1] : 0);
+    if ((lead == 0xE0 && second < 0xA0) || (lead == 0xED && second > 0x9F) ||
+        (lead == 0xF0 && second < 0x90) || (lead == 0xF4 && second > 0x8F))
+      return false;
+    i += length;
+  }
+  return true;
+}
+
+std::optional<size_t> parseLength(std::string_view text) {
+  if (text.starts_with('+'))
+    text.remove_prefix(1);
+  size_t value = 0;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+  if (text.empty() || error != std::errc() || end != text.data() + text.size())
+    return std::nullopt;
+  return value;
+}
+
+} // namespace
+
+std::optional<size_t> parseContentLengthHeader(std::string_view header) {
+  std::optional<size_t> length;
+  bool sawHeader = false;
+  while (!header.empty()) {
+    const size_t end = header.find("\r\n");
+    const std::string_view line = header.substr(0, end);
+    header = end == std::string_view::npos ? std::string_view{} : header.substr(end + 2);
+    const size_t colon = line.find(':');
+    if (line.empty() || colon == std::string_view::npos)
+      continue;
+    std::string name(trimmed(line.substr(0, colon)));
+    for (char &c : name)
+      if (c >= 'A' && c <= 'Z')
+        c = static_cast<char>(c - 'A' + 'a');
+    if (name == "content-length") {
+      sawHeader = true;
+      length = parseLength(trimmed(line.substr(colon + 1)));
+    }
+  }
+  return sawHeader ? length : std::nullopt;
+}
+
+StdioMessageReader::StdioMessageReader(int fd, std::function<bool()> shouldStop, int wakeFd)
+    : fd_(fd), shouldStop_(std::move(shouldStop)), wakeFd_(wakeFd) {}
+
+bool StdioMessageReader::fill() {
+  if (shouldStop_())
+    return false;
+  // Keep the buffer from growing with consumed bytes.
+  if (position_ > 0 && (position_ == buffer_.size() || position_ >= readChunkBytes)) {
+    buffer_.erase(0, position_);
+    position_ = 0;
+  }
+  for (;;) {
+    pollfd fds[2] = {{fd_, POLLIN, 0}, {wakeFd_, POLLIN, 0}};
+    const int ready = ::poll(fds, wakeFd_ >= 0 ? 2 : 1, static_cast<int>(pollInterval.count()));
+    if (ready < 0 && errno == EINTR)
+      continue;
+    if (ready < 0)
+      return false;
+    if (ready == 0 || fds[0].revents == 0) {
+      if (shouldStop_())
+        return false;
+      continue;
+    }
+    const size_t oldSize = buffer_.size();
+    buffer_.resize(oldSize + readChunkBytes);
+    ssize_t n;
+    do {
+      n = ::read(fd_, buffer_.data() + oldSize, readChunkBytes);
+    } while (n < 0 && errno == EINTR);
+    buffer_.resize(oldSize + static_cast<size_t>(n > 0 ? n : 0));
+    return n > 0;
+  }
+}
+
+std::string StdioMessageReader::take(size_t length, size_t skip) {
+  std::string message;
+  if (position_ == 0 && length + skip == buffer_.size()) {
+    // The message is the whole buffer: hand it over instead of copying it.
+    message.swap(buffer_);
+    message.resize(length);
+  } else {
+    message.assign(unread(), length);
+    position_ += length + skip;
+  }
+  return message;
+}
+
+std::optional<std::string> StdioMessageReader::readMessage() {
+  if (shouldStop_() || (available() == 0 && !fill()))
+    return std::nullopt;
+  if (framing_ == FramingMode::unknown) {
+    // A connection that opens with anything but "{" (white space included) is taken as
+    // content-length framing.
+    framing_ = *unread() == '{' ? FramingMode::newlineDelimited : FramingMode::contentLength;
+    Log::info(LogCategory::transport, "framing_detected", {{"framing", framingName(framing_)}});
+  }
+  return framing_ == FramingMode::newlineDelimited ? readNewlineDelimited() : readContentLength();
+}
+
+std::optional<std::string> StdioMessageReader::readNewlineDelimited() {
+  size_t scanned = 0;
+  for (;;) {
+    if (const void *found = std::memchr(unread() + scanned, '\n', available() - scanned)) {
+      const auto length = static_cast<size_t>(static_cast<const char *>(found) - unread());
+      return take(length, 1);
+    }
+    scanned = available();
+    if (!fill()) {
+      // Input that ends without a final line feed still delivers its last line.
+      if (available() == 0)
+        return std::nullopt;
+      return take(available(), 0);
+    }
+  }
+}
+
+std::optional<std::string> StdioMessageReader::readContentLength() {
+  constexpr std::string_view terminator = "\r\n\r\n";
+  size_t scanned = 0;
+  size_t headerLength = 0;
+  for (;;) {
+    const std::string_view window(unread(), std::min(available(), maxHeaderBytes));
+    const size_t from = scanned >= 3 ? scanned - 3 : 0;
+    if (const size_t end = window.find(terminator, from); end != std::string_view::npos) {
+      headerLength = end + terminator.size();
+      break;
+    }
+    if (available() >= maxHeaderBytes)
+      return std::nullopt; // the header outgrew its limit: the connection ends
+    scanned = available();
+    if (!fill())
+      return std::nullopt;
+  }
+  const std::string_view header(unread(), headerLength);
+  if (!isValidUTF8(header))
+    return std::nullopt;
+  const auto bodyLength = parseContentLengthHeader(header);
+  if (!bodyLength) {
+    Log::warning(LogCategory::transport, "content_length_invalid",
+                 {{"headerBytes", headerLength}});
+    return std::nullopt;
+  }
+  position_ += headerLength;
+  while (available() < *bodyLength) {
+    if (!fill())
+      return std::nullopt;
+  }
+  return take(*bodyLength, 0);
+}
+
+} // namespace tavix

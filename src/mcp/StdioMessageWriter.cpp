@@ -1,0 +1,97 @@
+#include "mcp/StdioMessageWriter.h"
+
+#include "support/Logger.h"
+
+#include <cerrno>
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/uio.h>
+#include <unistd.h>
+
+namespace tavix {
+namespace {
+
+// Restores the descriptor's status flags however the write ends.
+class NonBlockingScope {
+public:
+  explicit NonBlockingScope(int fd) : fd_(fd), saved_(fcntl(fd, F_GETFL)) {
+    if (saved_ >= 0)
+      fcntl(fd_, F_SETFL, saved_ | O_NONBLOCK);
+  }
+  ~NonBlockingScope() {
+    if (saved_ >= 0)
+      fcntl(fd_, F_SETFL, saved_);
+  }
+  NonBlockingScope(const NonBlockingScope &) = delete;
+  NonBlockingScope &operator=(const NonBlockingScope &) = delete;
+
+private:
+  int fd_;
+  int saved_;
+};
+
+// Writes all bytes; returns 0 or the errno that ended the write.
+int writeAll(int fd, std::string_view bytes, const std::function<bool()> &shouldStop,
+             const StdioWriteOptions &options) {
+  const auto deadline = std::chrono::steady_clock::now() + options.deadline;
+  size_t written = 0;
+  while (written < bytes.size()) {
+    if (shouldStop())
+      return ECANCELED;
+    if (std::chrono::steady_clock::now() >= deadline)
+      return ETIMEDOUT;
+    const ssize_t n = ::write(fd, bytes.data() + written, bytes.size() - written);
+    if (n >= 0) {
+      written += static_cast<size_t>(n);
+    } else if (errno == EAGAIN || errno == EWOULDBLOCK) {
+      pollfd writable{fd, POLLOUT, 0};
+      ::poll(&writable, 1, static_cast<int>(options.blockedPollInterval.count()));
+    } else if (errno != EINTR) {
+      return errno;
+    }
+  }
+  return 0;
+}
+
+void reportWriteFailure(int error) {
+  const LogFields fields = {{"transport", "stdio"}, {"errno", error}};
+  if (error == EPIPE || error == ECONNRESET || error == ECANCELED)
+    Log::warning(LogCategory::transport, "transport_closed", fields);
+  else
+    Log::error(LogCategory::transport, "response_write_failed", fields);
+}
+
+} // namespace
+
+std::optional<std::string> serializeResponse(const nlohmann::json &response, FramingMode framing) {
+  std::string body;
+  try {
+    body = response.dump();
+  } catch (const nlohmann::json::exception &) {
+    return std::nullopt;
+  }
+  if (framing == FramingMode::contentLength) {
+    std::string header = "Content-Length: " + std::to_string(body.size()) + "\r\n\r\n";
+    return body.insert(0, header);
+  }
+  body.push_back('\n');
+  return body;
+}
+
+bool writeMessage(const nlohmann::json &response, int fd, FramingMode framing,
+                  const std::function<bool()> &shouldStop, const StdioWriteOptions &options) {
+  const auto message = serializeResponse(response, framing);
+  if (!message) {
+    Log::error(LogCategory::transport, "response_serialization_failed");
+    return false;
+  }
+  NonBlockingScope nonBlocking(fd);
+  const int error = writeAll(fd, *message, shouldStop, options);
+  if (error != 0) {
+    reportWriteFailure(error);
+    return false;
+  }
+  return true;
+}
+
+} // namespace tavix

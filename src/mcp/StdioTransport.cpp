@@ -1,0 +1,149 @@
+#include "mcp/StdioTransport.h"
+
+#include "mcp/MCPStdioOutputQueue.h"
+#include "mcp/MCPStdioRequestQueue.h"
+#include "mcp/StdioMessageReader.h"
+#include "support/Logger.h"
+#include "support/RequestContext.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+namespace tavix {
+namespace {
+
+// A pipe whose write end wakes the reader's poll when the connection is told to stop.
+class WakePipe {
+public:
+  WakePipe() {
+    if (::pipe(fds_) != 0) {
+      fds_[0] = fds_[1] = -1;
+      return;
+    }
+    for (int fd : fds_)
+      fcntl(fd, F_SETFD, FD_CLOEXEC);
+  }
+  ~WakePipe() {
+    for (int fd : fds_)
+      if (fd >= 0)
+        ::close(fd);
+  }
+  WakePipe(const WakePipe &) = delete;
+  WakePipe &operator=(const WakePipe &) = delete;
+  int readEnd() const { return fds_[0]; }
+  void wake() const {
+    if (fds_[1] >= 0)
+      [[maybe_unused]] ssize_t ignored = ::write(fds_[1], "x", 1);
+  }
+
+private:
+  int fds_[2] = {-1, -1};
+};
+
+class StdioConnection {
+public:
+  StdioConnection(MCPRequestHandler &handler, int outputFd, const StdioWriteOptions &options)
+      : handler_(handler), outputFd_(outputFd), writeOptions_(options) {}
+
+  void serve(int inputFd, std::stop_token stop) {
+    std::stop_callback onCancel(stop, [this] { stopConnection(); });
+    StdioMessageReader reader(inputFd, [this] { return requests_.isClosed(); }, wake_.readEnd());
+    while (auto message = reader.readMessage()) {
+      framing_ = reader.framing();
+      handleMessage(std::move(*message));
+    }
+    requests_.close();
+    output_.close();
+  }
+
+private:
+  void stopConnection() {
+    requests_.close();
+    output_.close();
+    wake_.wake();
+  }
+
+  void respond(nlohmann::json response) {
+    auto shared = std::make_shared<const nlohmann::json>(std::move(response));
+    const FramingMode framing = framing_;
+    output_.enqueue(
+        [this, shared, framing] {
+          return writeMessage(*shared, outputFd_, framing,
+                              [this] { return requests_.isClosed() || output_.isClosed(); },
+                              writeOptions_);
+        },
+        [this] { stopConnection(); });
+  }
+
+  void handleMessage(std::string message) {
+    auto value = nlohmann::json::parse(message, nullptr, false);
+    message = std::string(); // the text is no longer needed; free a large one early
+    if (value.is_discarded())
+      return respond(buildErrorResponse(std::nullopt, JSONRPCError::parseErrorCode,
+                                        JSONRPCError::parseErrorMessage));
+    auto request = JSONRPCRequest::from(std::move(value));
+    if (!request)
+      return respond(buildErrorResponse(std::nullopt, JSONRPCError::invalidRequestCode,
+                                        JSONRPCError::invalidRequestMessage));
+    if (request->method == "notifications/cancelled" && !request->id)
+      return cancel(*request);
+    if (request->method == "ping") {
+      if (request->id)
+        respond(buildSuccessResponse(request->id, nlohmann::json::object()));
+      return;
+    }
+    submit(std::make_shared<const JSONRPCRequest>(std::move(*request)));
+  }
+
+  void cancel(const JSONRPCRequest &request) {
+    if (!request.params)
+      return;
+    const auto requestID = request.params->find("requestId");
+    if (requestID == request.params->end())
+      return;
+    if (auto id = JSONRPCId::from(*requestID))
+      requests_.cancel(*id);
+  }
+
+  void submit(std::shared_ptr<const JSONRPCRequest> request) {
+    const auto admission = requests_.enqueue(
+        request->id, [this, request](const std::string &correlationID, std::stop_token token) {
+          WithRequestContext scope(std::make_shared<const RequestContext>(correlationID, token));
+          if (token.stop_requested())
+            return;
+          auto response = handler_.handleRequest(*request);
+          if (request->id && response)
+            respond(std::move(*response));
+        });
+    if (!request->id)
+      return;
+    using Admission = MCPStdioRequestQueue::Admission;
+    if (admission == Admission::queueFull)
+      respond(buildErrorResponse(request->id, JSONRPCError::queueFullCode,
+                                 JSONRPCError::queueFullMessage));
+    else if (admission == Admission::duplicateID)
+      respond(buildErrorResponse(request->id, JSONRPCError::invalidRequestCode,
+                                 JSONRPCError::duplicateIDMessage));
+  }
+
+  MCPRequestHandler &handler_;
+  const int outputFd_;
+  const StdioWriteOptions writeOptions_;
+  FramingMode framing_ = FramingMode::unknown;
+  WakePipe wake_;
+  // Destroyed in reverse: the request worker is joined first, while the output queue it
+  // writes to still exists.
+  MCPStdioOutputQueue output_;
+  MCPStdioRequestQueue requests_;
+};
+
+} // namespace
+
+void runStdioTransport(MCPRequestHandler &handler, int inputFd, int outputFd,
+                       std::stop_token stop, const StdioWriteOptions &writeOptions) {
+  Log::info(LogCategory::transport, "transport_started", {{"transport", "stdio"}});
+  StdioConnection connection(handler, outputFd, writeOptions);
+  connection.serve(inputFd, std::move(stop));
+}
+
+} // namespace tavix

@@ -1,0 +1,16 @@
+#include "platform/ExecutableLocation.h"
+
+#include <array>
+#include <unistd.h>
+
+namespace tavix {
+
+std::string currentExecutablePath() {
+  std::array<char, 4096> buffer{};
+  const ssize_t length = readlink("/proc/self/exe", buffer.data(), buffer.size() - 1);
+  if (length <= 0)
+    return {};
+  return std::string(buffer.data(), static_cast<size_t>(length));
+}
+
+} // namespace tavix

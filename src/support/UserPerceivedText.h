@@ -1,0 +1,14 @@
+#pragma once
+// Counting and cutting UTF-8 text by user-perceived characters, so that a shortened log
+// value never ends inside a UTF-8 sequence or separates a base character from its marks.
+
+#include <cstddef>
+#include <string_view>
+
+namespace tavix {
+
+// The byte length of the longest prefix of `text` that holds at most `limit`
+// user-perceived characters; `text.size()` when the whole text fits.
+size_t prefixLengthForCharacters(std::string_view text, size_t limit);
+
+} // namespace tavix

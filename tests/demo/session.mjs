@@ -1,0 +1,39 @@
+// Runs one MCP session against the bridge with the official client and prints each
+// request and answer. Usage: node tests/demo/session.mjs <bridge executable>
+import { Client } from '@modelcontextprotocol/sdk/client/index.js';
+import { StdioClientTransport } from '@modelcontextprotocol/sdk/client/stdio.js';
+import { ResultSchema } from '@modelcontextprotocol/sdk/types.js';
+
+const bridge = process.argv[2];
+if (!bridge) {
+  console.error('usage: node tests/demo/session.mjs <bridge executable>');
+  process.exit(2);
+}
+
+const show = (label, value) => console.log(`\n>>> ${label}\n${JSON.stringify(value, null, 2)}`);
+
+async function session(modeArgs) {
+  console.log(`\n===== ${bridge} ${modeArgs.join(' ')}`);
+  const transport = new StdioClientTransport({ command: bridge, args: modeArgs, stderr: 'inherit' });
+  const client = new Client({ name: 'bridge-demo', version: '1.0.0' });
+  await client.connect(transport);
+  show('initialize: server', { serverInfo: client.getServerVersion(),
+    capabilities: client.getServerCapabilities() });
+  const { tools } = await client.listTools();
+  show(`tools/list: ${tools.length} tools`, tools.map((t) => `${t.name}: ${t.description.split('\n')[0]}`));
+  show('ping', await client.ping());
+  try {
+    await client.request({ method: 'no/such/method' }, ResultSchema);
+  } catch (error) {
+    show('no/such/method', { code: error.code, message: error.message });
+  }
+  try {
+    await client.request({ method: 'tools/call', params: { arguments: {} } }, ResultSchema);
+  } catch (error) {
+    show('tools/call without a name', { code: error.code, message: error.message });
+  }
+  await client.close();
+}
+
+await session(['mcp']);
+await session(['event-stream', 'mcp']);
