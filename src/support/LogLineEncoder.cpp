@@ -143,7 +143,7 @@ std::string formatLogTimestamp(std::chrono::system_clock::time_point now) {
   if (offset == 0)
     return result + "Z";
   const long magnitude = offset < 0 ? -offset : offset;
-  std::array<char, 16> zone{};
+  std::array<char, 48> zone{};
   std::snprintf(zone.data(), zone.size(), "%c%02ld:%02ld", offset < 0 ? '-' : '+',
                 magnitude / 3600, (magnitude % 3600) / 60);
   return result + zone.data();

@@ -1,0 +1,79 @@
+// Micro-benchmarks of the per-message work: reading a framed message, turning it into a
+// request, answering it and encoding a log line.
+
+#include "mcp/ComputerUseMCPServer.h"
+#include "mcp/StdioMessageReader.h"
+#include "mcp/StdioMessageWriter.h"
+#include "support/LogLineEncoder.h"
+
+#include <benchmark/benchmark.h>
+
+#include <fcntl.h>
+#include <thread>
+#include <unistd.h>
+
+namespace tavix {
+namespace {
+
+void BM_PingIntake(benchmark::State &state) {
+  ComputerUseMCPServer server(ComputerUseMCPServer::Mode::computerUse);
+  const std::string message = R"({"jsonrpc":"2.0","id":12345,"method":"ping"})";
+  for (auto _ : state) {
+    auto request = JSONRPCRequest::from(nlohmann::json::parse(message, nullptr, false));
+    auto response = server.handleRequest(*request);
+    benchmark::DoNotOptimize(serializeResponse(*response, FramingMode::newlineDelimited));
+  }
+}
+BENCHMARK(BM_PingIntake);
+
+void BM_ToolsListResponse(benchmark::State &state) {
+  ComputerUseMCPServer server(ComputerUseMCPServer::Mode::computerUse);
+  const JSONRPCRequest request{"2.0", JSONRPCId(1), "tools/list", std::nullopt};
+  for (auto _ : state)
+    benchmark::DoNotOptimize(
+        serializeResponse(*server.handleRequest(request), FramingMode::contentLength));
+}
+BENCHMARK(BM_ToolsListResponse);
+
+// Reads one large newline-delimited message through a pipe, as standard input delivers it.
+void BM_ReadLargeMessage(benchmark::State &state) {
+  const std::string message = std::string(static_cast<size_t>(state.range(0)), 'x') + "\n";
+  for (auto _ : state) {
+    int fds[2];
+    if (pipe(fds) != 0)
+      state.SkipWithError("pipe");
+    std::thread writer([&] {
+      for (size_t at = 0; at < message.size();) {
+        const ssize_t n = write(fds[1], message.data() + at, message.size() - at);
+        if (n <= 0)
+          break;
+        at += static_cast<size_t>(n);
+      }
+      close(fds[1]);
+    });
+    StdioMessageReader reader(fds[0], [] { return false; });
+    benchmark::DoNotOptimize(reader.readMessage());
+    writer.join();
+    close(fds[0]);
+  }
+  state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(message.size()));
+}
+BENCHMARK(BM_ReadLargeMessage)->Arg(4 << 20)->Unit(benchmark::kMillisecond);
+
+void BM_EncodeLogLine(benchmark::State &state) {
+  const LogFields fields = {{"tool", "click"}, {"durationMs", 12}, {"outcome", "success"},
+                            {"appBundleID", "com.example.Editor"}, {"error", "secret"}};
+  const LogLineContext context{std::chrono::system_clock::now(),
+                               {"TavixComputerUseBridge", 4242},
+                               "6F1C1E2A-0B7C-4C55-9A57-0C0E4D7B1A11",
+                               "/home/user"};
+  for (auto _ : state)
+    benchmark::DoNotOptimize(
+        encodeLogLine(LogLevel::info, LogCategory::transport, "tool_call_finished", fields, context));
+}
+BENCHMARK(BM_EncodeLogLine);
+
+} // namespace
+} // namespace tavix
+
+BENCHMARK_MAIN();

@@ -1,0 +1,47 @@
+#pragma once
+// Captures the logger's standard-error lines for the life of the object.
+
+#include "support/Logger.h"
+
+#include <algorithm>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace tavix::test {
+
+class CapturedLog {
+public:
+  CapturedLog() {
+    auto sinks = Log::defaultSinks();
+    sinks.writeStderr = [this](std::string_view line) {
+      std::lock_guard guard(lock_);
+      lines_.emplace_back(line);
+    };
+    previous_ = Log::replaceSinks(std::move(sinks));
+  }
+  ~CapturedLog() { Log::replaceSinks(std::move(previous_)); }
+  CapturedLog(const CapturedLog &) = delete;
+  CapturedLog &operator=(const CapturedLog &) = delete;
+
+  std::vector<std::string> lines() const {
+    std::lock_guard guard(lock_);
+    return lines_;
+  }
+  // Lines of one event, e.g. withEvent("transport_closed").
+  std::vector<std::string> withEvent(std::string_view event) const {
+    const std::string needle = " event=" + std::string(event);
+    std::vector<std::string> found;
+    for (const auto &line : lines())
+      if (line.find(needle + " ") != std::string::npos || line.find(needle + "\n") != std::string::npos)
+        found.push_back(line);
+    return found;
+  }
+
+private:
+  mutable std::mutex lock_;
+  std::vector<std::string> lines_;
+  TavixComputerUseLogger::Sinks previous_;
+};
+
+} // namespace tavix::test
