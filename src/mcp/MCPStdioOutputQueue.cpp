@@ -5,10 +5,11 @@ namespace tavix {
 MCPStdioOutputQueue::MCPStdioOutputQueue()
     : writer_([this](std::stop_token stop) { runWriter(std::move(stop)); }) {}
 
-MCPStdioOutputQueue::~MCPStdioOutputQueue() {
+void MCPStdioOutputQueue::shutdown() {
   close();
   writer_.request_stop();
-  writer_.join();
+  if (writer_.joinable())
+    writer_.join();
 }
 
 void MCPStdioOutputQueue::enqueue(WriteJob job, std::function<void()> onFailure) {

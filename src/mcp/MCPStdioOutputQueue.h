@@ -18,7 +18,9 @@ public:
 
   MCPStdioOutputQueue();
   // Closes the queue and joins the writer; jobs still waiting are skipped.
-  ~MCPStdioOutputQueue();
+  ~MCPStdioOutputQueue() { shutdown(); }
+  // As the destructor, for owners that must stop the writer before other members go.
+  void shutdown();
   MCPStdioOutputQueue(const MCPStdioOutputQueue &) = delete;
   MCPStdioOutputQueue &operator=(const MCPStdioOutputQueue &) = delete;
 

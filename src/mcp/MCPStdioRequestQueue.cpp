@@ -10,10 +10,11 @@ namespace tavix {
 MCPStdioRequestQueue::MCPStdioRequestQueue(size_t capacity)
     : capacity_(capacity), worker_([this](std::stop_token stop) { runWorker(std::move(stop)); }) {}
 
-MCPStdioRequestQueue::~MCPStdioRequestQueue() {
+void MCPStdioRequestQueue::shutdown() {
   close();
   worker_.request_stop();
-  worker_.join();
+  if (worker_.joinable())
+    worker_.join();
 }
 
 bool MCPStdioRequestQueue::hasID(const JSONRPCId &id) const {

@@ -27,7 +27,9 @@ public:
 
   explicit MCPStdioRequestQueue(size_t capacity = defaultCapacity);
   // Closes the queue and joins the worker once the running operation has returned.
-  ~MCPStdioRequestQueue();
+  ~MCPStdioRequestQueue() { shutdown(); }
+  // As the destructor, for owners that must stop the worker before other members go.
+  void shutdown();
   MCPStdioRequestQueue(const MCPStdioRequestQueue &) = delete;
   MCPStdioRequestQueue &operator=(const MCPStdioRequestQueue &) = delete;
 

@@ -6,6 +6,7 @@
 #include "support/Logger.h"
 #include "support/RequestContext.h"
 
+#include <atomic>
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -49,11 +50,14 @@ public:
     std::stop_callback onCancel(stop, [this] { stopConnection(); });
     StdioMessageReader reader(inputFd, [this] { return requests_.isClosed(); }, wake_.readEnd());
     while (auto message = reader.readMessage()) {
-      framing_ = reader.framing();
+      framing_.store(reader.framing(), std::memory_order_relaxed);
       handleMessage(std::move(*message));
     }
-    requests_.close();
-    output_.close();
+    // The worker writes through the output queue and a failed write closes the request
+    // queue, so both threads stop before either queue goes away: the worker first, while
+    // the writer still runs, then the writer.
+    requests_.shutdown();
+    output_.shutdown();
   }
 
 private:
@@ -65,7 +69,7 @@ private:
 
   void respond(nlohmann::json response) {
     auto shared = std::make_shared<const nlohmann::json>(std::move(response));
-    const FramingMode framing = framing_;
+    const FramingMode framing = framing_.load(std::memory_order_relaxed);
     output_.enqueue(
         [this, shared, framing] {
           return writeMessage(*shared, outputFd_, framing,
@@ -129,10 +133,9 @@ private:
   MCPRequestHandler &handler_;
   const int outputFd_;
   const StdioWriteOptions writeOptions_;
-  FramingMode framing_ = FramingMode::unknown;
+  // Set by the reader when the first byte arrives; read by whichever thread answers.
+  std::atomic<FramingMode> framing_ = FramingMode::unknown;
   WakePipe wake_;
-  // Destroyed in reverse: the request worker is joined first, while the output queue it
-  // writes to still exists.
   MCPStdioOutputQueue output_;
   MCPStdioRequestQueue requests_;
 };
