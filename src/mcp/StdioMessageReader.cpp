@@ -3,6 +3,7 @@
 #include "support/Logger.h"
 
 #include <cerrno>
+#include <algorithm>
 #include <charconv>
 #include <cstring>
 #include <poll.h>
@@ -75,14 +76,26 @@ std::optional<size_t> parseContentLengthHeader(std::string_view header) {
 StdioMessageReader::StdioMessageReader(int fd, std::function<bool()> shouldStop, int wakeFd)
     : fd_(fd), shouldStop_(std::move(shouldStop)), wakeFd_(wakeFd) {}
 
+void StdioMessageReader::makeRoomToRead() {
+  constexpr size_t idleCapacity = 1 << 20;
+  if (start_ == end_) {
+    start_ = end_ = 0;
+    // Give back the room a large message needed once it has been handled.
+    if (buffer_.size() > idleCapacity)
+      std::vector<char>().swap(buffer_);
+  } else if (start_ >= readChunkBytes) {
+    std::memmove(buffer_.data(), unread(), available());
+    end_ -= start_;
+    start_ = 0;
+  }
+  if (buffer_.size() < end_ + readChunkBytes)
+    buffer_.resize(std::max(buffer_.size() * 2, end_ + readChunkBytes));
+}
+
 bool StdioMessageReader::fill() {
   if (shouldStop_())
     return false;
-  // Keep the buffer from growing with consumed bytes.
-  if (position_ > 0 && (position_ == buffer_.size() || position_ >= readChunkBytes)) {
-    buffer_.erase(0, position_);
-    position_ = 0;
-  }
+  makeRoomToRead();
   for (;;) {
     pollfd fds[2] = {{fd_, POLLIN, 0}, {wakeFd_, POLLIN, 0}};
     const int ready = ::poll(fds, wakeFd_ >= 0 ? 2 : 1, static_cast<int>(pollInterval.count()));
@@ -95,31 +108,24 @@ bool StdioMessageReader::fill() {
         return false;
       continue;
     }
-    const size_t oldSize = buffer_.size();
-    buffer_.resize(oldSize + readChunkBytes);
     ssize_t n;
     do {
-      n = ::read(fd_, buffer_.data() + oldSize, readChunkBytes);
+      n = ::read(fd_, buffer_.data() + end_, readChunkBytes);
     } while (n < 0 && errno == EINTR);
-    buffer_.resize(oldSize + static_cast<size_t>(n > 0 ? n : 0));
-    return n > 0;
+    if (n <= 0)
+      return false;
+    end_ += static_cast<size_t>(n);
+    return true;
   }
 }
 
-std::string StdioMessageReader::take(size_t length, size_t skip) {
-  std::string message;
-  if (position_ == 0 && length + skip == buffer_.size()) {
-    // The message is the whole buffer: hand it over instead of copying it.
-    message.swap(buffer_);
-    message.resize(length);
-  } else {
-    message.assign(unread(), length);
-    position_ += length + skip;
-  }
+std::string_view StdioMessageReader::take(size_t length, size_t skip) {
+  const std::string_view message(unread(), length);
+  start_ += length + skip;
   return message;
 }
 
-std::optional<std::string> StdioMessageReader::readMessage() {
+std::optional<std::string_view> StdioMessageReader::readMessage() {
   if (shouldStop_() || (available() == 0 && !fill()))
     return std::nullopt;
   if (framing_ == FramingMode::unknown) {
@@ -131,7 +137,7 @@ std::optional<std::string> StdioMessageReader::readMessage() {
   return framing_ == FramingMode::newlineDelimited ? readNewlineDelimited() : readContentLength();
 }
 
-std::optional<std::string> StdioMessageReader::readNewlineDelimited() {
+std::optional<std::string_view> StdioMessageReader::readNewlineDelimited() {
   size_t scanned = 0;
   for (;;) {
     if (const void *found = std::memchr(unread() + scanned, '\n', available() - scanned)) {
@@ -148,7 +154,7 @@ std::optional<std::string> StdioMessageReader::readNewlineDelimited() {
   }
 }
 
-std::optional<std::string> StdioMessageReader::readContentLength() {
+std::optional<std::string_view> StdioMessageReader::readContentLength() {
   constexpr std::string_view terminator = "\r\n\r\n";
   size_t scanned = 0;
   size_t headerLength = 0;
@@ -174,7 +180,7 @@ std::optional<std::string> StdioMessageReader::readContentLength() {
                  {{"headerBytes", headerLength}});
     return std::nullopt;
   }
-  position_ += headerLength;
+  start_ += headerLength;
   while (available() < *bodyLength) {
     if (!fill())
       return std::nullopt;

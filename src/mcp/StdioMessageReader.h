@@ -9,6 +9,8 @@
 #include <functional>
 #include <optional>
 #include <string>
+#include <string_view>
+#include <vector>
 
 namespace tavix {
 
@@ -23,27 +25,31 @@ public:
   // time-out.
   StdioMessageReader(int fd, std::function<bool()> shouldStop, int wakeFd = -1);
 
-  // The bytes of the next message; nothing at end of input, on a stop, on a read error,
-  // or when the framing is broken (an oversized or unreadable header, or one without a
-  // valid length), all of which end the connection.
-  std::optional<std::string> readMessage();
+  // The bytes of the next message, valid until the next call; nothing at end of input,
+  // on a stop, on a read error, or when the framing is broken (an oversized or unreadable
+  // header, or one without a valid length), all of which end the connection.
+  std::optional<std::string_view> readMessage();
 
   FramingMode framing() const { return framing_; }
 
 private:
-  size_t available() const { return buffer_.size() - position_; }
-  const char *unread() const { return buffer_.data() + position_; }
+  size_t available() const { return end_ - start_; }
+  const char *unread() const { return buffer_.data() + start_; }
   bool fill();
-  std::string take(size_t length, size_t skip);
-  std::optional<std::string> readNewlineDelimited();
-  std::optional<std::string> readContentLength();
+  void makeRoomToRead();
+  std::string_view take(size_t length, size_t skip);
+  std::optional<std::string_view> readNewlineDelimited();
+  std::optional<std::string_view> readContentLength();
 
   int fd_;
   std::function<bool()> shouldStop_;
   int wakeFd_;
   FramingMode framing_ = FramingMode::unknown;
-  std::string buffer_;
-  size_t position_ = 0;
+  // Bytes read and not yet taken are buffer_[start_, end_); the rest of buffer_ is room
+  // to read into, kept between reads so that a read costs no allocation or clearing.
+  std::vector<char> buffer_;
+  size_t start_ = 0;
+  size_t end_ = 0;
 };
 
 // The body length a content-length header block announces: the last line whose name is

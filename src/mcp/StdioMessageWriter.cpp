@@ -30,20 +30,22 @@ private:
   int saved_;
 };
 
-// Writes all bytes; returns 0 or the errno that ended the write.
-int writeAll(int fd, std::string_view bytes, const std::function<bool()> &shouldStop,
-             const StdioWriteOptions &options) {
+// Writes from `written` on; returns 0 or the errno that ended the write. Without
+// `shouldStop` it returns EAGAIN as soon as the descriptor is full.
+int writeFrom(int fd, std::string_view bytes, size_t &written,
+              const std::function<bool()> *shouldStop, const StdioWriteOptions &options) {
   const auto deadline = std::chrono::steady_clock::now() + options.deadline;
-  size_t written = 0;
   while (written < bytes.size()) {
-    if (shouldStop())
+    if (shouldStop && (*shouldStop)())
       return ECANCELED;
-    if (std::chrono::steady_clock::now() >= deadline)
+    if (shouldStop && std::chrono::steady_clock::now() >= deadline)
       return ETIMEDOUT;
     const ssize_t n = ::write(fd, bytes.data() + written, bytes.size() - written);
     if (n >= 0) {
       written += static_cast<size_t>(n);
     } else if (errno == EAGAIN || errno == EWOULDBLOCK) {
+      if (!shouldStop)
+        return EAGAIN;
       pollfd writable{fd, POLLOUT, 0};
       ::poll(&writable, 1, static_cast<int>(options.blockedPollInterval.count()));
     } else if (errno != EINTR) {
@@ -78,20 +80,42 @@ std::optional<std::string> serializeResponse(const nlohmann::json &response, Fra
   return body;
 }
 
-bool writeMessage(const nlohmann::json &response, int fd, FramingMode framing,
-                  const std::function<bool()> &shouldStop, const StdioWriteOptions &options) {
-  const auto message = serializeResponse(response, framing);
-  if (!message) {
+StdioMessageWrite::StdioMessageWrite(const nlohmann::json &response, FramingMode framing)
+    : bytes_(serializeResponse(response, framing)) {
+  if (!bytes_)
     Log::error(LogCategory::transport, "response_serialization_failed");
-    return false;
-  }
+}
+
+WriteOutcome StdioMessageWrite::tryWrite(int fd) {
+  if (!bytes_)
+    return WriteOutcome::failed;
   NonBlockingScope nonBlocking(fd);
-  const int error = writeAll(fd, *message, shouldStop, options);
+  const int error = writeFrom(fd, *bytes_, written_, nullptr, {});
+  if (error == EAGAIN)
+    return WriteOutcome::incomplete;
+  if (error != 0) {
+    reportWriteFailure(error);
+    return WriteOutcome::failed;
+  }
+  return WriteOutcome::written;
+}
+
+bool StdioMessageWrite::finish(int fd, const std::function<bool()> &shouldStop,
+                               const StdioWriteOptions &options) {
+  if (!bytes_)
+    return false;
+  NonBlockingScope nonBlocking(fd);
+  const int error = writeFrom(fd, *bytes_, written_, &shouldStop, options);
   if (error != 0) {
     reportWriteFailure(error);
     return false;
   }
   return true;
+}
+
+bool writeMessage(const nlohmann::json &response, int fd, FramingMode framing,
+                  const std::function<bool()> &shouldStop, const StdioWriteOptions &options) {
+  return StdioMessageWrite(response, framing).finish(fd, shouldStop, options);
 }
 
 } // namespace tavix

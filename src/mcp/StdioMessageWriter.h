@@ -7,6 +7,7 @@
 
 #include <chrono>
 #include <functional>
+#include <optional>
 #include <string>
 
 namespace tavix {
@@ -21,9 +22,28 @@ struct StdioWriteOptions {
 // serialised (text that is not UTF-8).
 std::optional<std::string> serializeResponse(const nlohmann::json &response, FramingMode framing);
 
-// Serialises and writes one response to `fd`, which is switched to non-blocking writes
-// for the duration. Gives up when `shouldStop` says so (ECANCELED) or the deadline passes
-// (ETIMEDOUT). Failures are logged; returns whether the whole message was written.
+enum class WriteOutcome { written, failed, incomplete };
+
+// One response on its way out. The descriptor is switched to non-blocking writes for the
+// duration of each call, so a stalled reader never blocks the writing thread beyond the
+// deadline; failures are logged.
+class StdioMessageWrite {
+public:
+  StdioMessageWrite(const nlohmann::json &response, FramingMode framing);
+
+  // Writes what the descriptor takes without waiting: `incomplete` when bytes remain.
+  WriteOutcome tryWrite(int fd);
+  // Writes the rest, waiting while the descriptor is full. Gives up when `shouldStop`
+  // says so (ECANCELED) or the deadline passes (ETIMEDOUT).
+  bool finish(int fd, const std::function<bool()> &shouldStop,
+              const StdioWriteOptions &options = {});
+
+private:
+  std::optional<std::string> bytes_;
+  size_t written_ = 0;
+};
+
+// Serialises and writes one response to `fd`; returns whether it was written whole.
 bool writeMessage(const nlohmann::json &response, int fd, FramingMode framing,
                   const std::function<bool()> &shouldStop, const StdioWriteOptions &options = {});
 

@@ -7,6 +7,7 @@
 #include "support/RequestContext.h"
 
 #include <atomic>
+#include <optional>
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -51,7 +52,7 @@ public:
     StdioMessageReader reader(inputFd, [this] { return requests_.isClosed(); }, wake_.readEnd());
     while (auto message = reader.readMessage()) {
       framing_.store(reader.framing(), std::memory_order_relaxed);
-      handleMessage(std::move(*message));
+      handleMessage(*message);
     }
     // The worker writes through the output queue and a failed write closes the request
     // queue, so both threads stop before either queue goes away: the worker first, while
@@ -68,20 +69,30 @@ private:
   }
 
   void respond(nlohmann::json response) {
-    auto shared = std::make_shared<const nlohmann::json>(std::move(response));
-    const FramingMode framing = framing_.load(std::memory_order_relaxed);
+    // Serialised once, by whichever thread first tries to write it.
+    struct Pending {
+      nlohmann::json response;
+      FramingMode framing;
+      std::optional<StdioMessageWrite> write;
+    };
+    auto pending = std::make_shared<Pending>(
+        Pending{std::move(response), framing_.load(std::memory_order_relaxed), std::nullopt});
     output_.enqueue(
-        [this, shared, framing] {
-          return writeMessage(*shared, outputFd_, framing,
-                              [this] { return requests_.isClosed() || output_.isClosed(); },
-                              writeOptions_);
+        [this, pending](bool tryOnly) {
+          if (!pending->write)
+            pending->write.emplace(pending->response, pending->framing);
+          if (tryOnly)
+            return pending->write->tryWrite(outputFd_);
+          const bool written = pending->write->finish(
+              outputFd_, [this] { return requests_.isClosed() || output_.isClosed(); },
+              writeOptions_);
+          return written ? WriteOutcome::written : WriteOutcome::failed;
         },
         [this] { stopConnection(); });
   }
 
-  void handleMessage(std::string message) {
+  void handleMessage(std::string_view message) {
     auto value = nlohmann::json::parse(message, nullptr, false);
-    message = std::string(); // the text is no longer needed; free a large one early
     if (value.is_discarded())
       return respond(buildErrorResponse(std::nullopt, JSONRPCError::parseErrorCode,
                                         JSONRPCError::parseErrorMessage));

@@ -11,6 +11,29 @@
 namespace tavix::test {
 namespace {
 
+// A job that leaves everything to the writer thread.
+template <typename Write> MCPStdioOutputQueue::WriteJob onWriter(Write write) {
+  return [write](bool tryOnly) mutable {
+    if (tryOnly)
+      return WriteOutcome::incomplete;
+    return write() ? WriteOutcome::written : WriteOutcome::failed;
+  };
+}
+
+TEST(MCPStdioOutputQueue, AnIdleQueueWritesOnTheCallingThread) {
+  MCPStdioOutputQueue queue;
+  std::vector<std::pair<bool, std::thread::id>> calls;
+  queue.enqueue(
+      [&](bool tryOnly) {
+        calls.emplace_back(tryOnly, std::this_thread::get_id());
+        return WriteOutcome::written;
+      },
+      [] { FAIL() << "no write failed"; });
+  ASSERT_EQ(calls.size(), 1u);
+  EXPECT_TRUE(calls[0].first);
+  EXPECT_EQ(calls[0].second, std::this_thread::get_id());
+}
+
 TEST(MCPStdioOutputQueue, WritesInOrderOnOneThread) {
   std::vector<int> order;
   std::set<std::thread::id> threads;
@@ -18,14 +41,13 @@ TEST(MCPStdioOutputQueue, WritesInOrderOnOneThread) {
   {
     MCPStdioOutputQueue queue;
     for (int i = 0; i < 10; ++i)
-      queue.enqueue(
-          [&, i] {
-            order.push_back(i);
-            threads.insert(std::this_thread::get_id());
-            if (i == 9)
-              done.set_value();
-            return true;
-          },
+      queue.enqueue(onWriter([&, i] {
+                      order.push_back(i);
+                      threads.insert(std::this_thread::get_id());
+                      if (i == 9)
+                        done.set_value();
+                      return true;
+                    }),
           [] { FAIL() << "no write failed"; });
     done.get_future().wait();
   }
@@ -38,12 +60,12 @@ TEST(MCPStdioOutputQueue, ASeventeenthPendingResponseStopsTheConnection) {
   std::latch started(1), unblock(1);
   std::atomic<int> failures = 0, written = 0;
   std::optional<MCPStdioOutputQueue> queue(std::in_place);
-  const auto blockedWrite = [&] {
+  const auto blockedWrite = onWriter([&] {
     started.count_down();
     unblock.wait();
     ++written;
     return true;
-  };
+  });
   queue->enqueue(blockedWrite, [&] { ++failures; });
   started.wait(); // the writer is stuck in the first write
   for (int i = 1; i < MCPStdioOutputQueue::maxPending; ++i)
@@ -67,16 +89,15 @@ TEST(MCPStdioOutputQueue, AFailedWriteClosesTheQueueAndSkipsTheRest) {
   {
     std::latch hold(1);
     MCPStdioOutputQueue queue;
-    queue.enqueue(
-        [&] {
-          hold.wait();
-          return false;
-        },
+    queue.enqueue(onWriter([&] {
+                    hold.wait();
+                    return false;
+                  }),
         [&] {
           ++failures;
           failed.set_value();
         });
-    queue.enqueue([&] { return ++laterWrites, true; }, [&] { ++failures; });
+    queue.enqueue(onWriter([&] { return ++laterWrites, true; }), [&] { ++failures; });
     hold.count_down();
     failed.get_future().wait();
     EXPECT_TRUE(queue.isClosed());

@@ -21,7 +21,7 @@ struct ReaderOnPipe {
 std::vector<std::string> readAll(StdioMessageReader &reader) {
   std::vector<std::string> messages;
   while (auto message = reader.readMessage())
-    messages.push_back(std::move(*message));
+    messages.emplace_back(*message);
   return messages;
 }
 
