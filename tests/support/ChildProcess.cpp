@@ -102,6 +102,8 @@ void ChildProcess::closeOutput() {
 
 void ChildProcess::signal(int number) { ::kill(pid_, number); }
 
+void ChildProcess::setOutputPipeSize(int bytes) { fcntl(output_, F_SETPIPE_SZ, bytes); }
+
 bool ChildProcess::fillOutput(Clock::time_point deadline) {
   pollfd fd{output_, POLLIN, 0};
   if (output_ < 0 || ::poll(&fd, 1, remainingMs(deadline)) <= 0)

@@ -28,6 +28,8 @@ public:
   void write(std::string_view bytes);
   void closeInput();
   void closeOutput(); // the read end of the child's standard output
+  // Shrinks the pipe of the child's standard output, so that it fills after a few bytes.
+  void setOutputPipeSize(int bytes);
   void signal(int number);
 
   // Reads standard output until `count` bytes, or a line, have arrived; empty optional
