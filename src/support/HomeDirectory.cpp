@@ -30,7 +30,7 @@ std::string sanitizedPath(std::string_view text, std::string_view home) {
   if (text == home)
     return "~";
   if (text.size() > home.size() && text.starts_with(home) && text[home.size()] == '/')
-    return "~" + std::string(text.substr(home.size()));
+    return std::string("~").append(text.substr(home.size()));
   return std::string(text);
 }
 
