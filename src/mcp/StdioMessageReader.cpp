@@ -1,6 +1,7 @@
 #include "mcp/StdioMessageReader.h"
 
 #include "support/Logger.h"
+#include "support/UserPerceivedText.h"
 
 #include <cerrno>
 #include <algorithm>
@@ -17,26 +18,6 @@ std::string_view trimmed(std::string_view text) {
   if (first == std::string_view::npos)
     return {};
   return text.substr(first, text.find_last_not_of(" \t") - first + 1);
-}
-
-bool isValidUTF8(std::string_view text) {
-  size_t i = 0;
-  while (i < text.size()) {
-    const auto lead = static_cast<unsigned char>(text[i]);
-    size_t length = lead < 0x80 ? 1 : lead >= 0xC2 && lead <= 0xDF ? 2 : lead >= 0xE0 && lead <= 0xEF ? 3
-                                  : lead >= 0xF0 && lead <= 0xF4 ? 4 : 0;
-    if (length == 0 || i + length > text.size())
-      return false;
-    for (size_t k = 1; k < length; ++k)
-      if ((static_cast<unsigned char>(text[i + k]) & 0xC0) != 0x80)
-        return false;
-    const auto second = static_cast<unsigned char>(length > 1 ? text[i + 1] : 0);
-    if ((lead == 0xE0 && second < 0xA0) || (lead == 0xED && second > 0x9F) ||
-        (lead == 0xF0 && second < 0x90) || (lead == 0xF4 && second > 0x8F))
-      return false;
-    i += length;
-  }
-  return true;
 }
 
 std::optional<size_t> parseLength(std::string_view text) {

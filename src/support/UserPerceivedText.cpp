@@ -85,6 +85,16 @@ bool hangulJoins(char32_t before, char32_t after) {
 
 } // namespace
 
+bool isValidUTF8(std::string_view text) {
+  for (size_t at = 0; at < text.size();) {
+    const Decoded decoded = decodeAt(text, at);
+    if (!decoded.valid)
+      return false;
+    at += decoded.length;
+  }
+  return true;
+}
+
 size_t prefixLengthForCharacters(std::string_view text, size_t limit) {
   size_t characters = 0;
   size_t at = 0;

@@ -11,4 +11,8 @@ namespace tavix {
 // user-perceived characters; `text.size()` when the whole text fits.
 size_t prefixLengthForCharacters(std::string_view text, size_t limit);
 
+// Whether the bytes are well-formed UTF-8 (no overlong forms, surrogates or values past
+// U+10FFFF).
+bool isValidUTF8(std::string_view text);
+
 } // namespace tavix
