@@ -94,11 +94,10 @@ TEST(LogLineEncoderTest, EncodesValuesByKeyAndType) {
     EXPECT_EQ(encodeLogValue("hello", key, home), "[redacted]") << key;
 }
 
-// Line breaks become visible escapes; the value is quoted only for white space or one of
-// the special characters besides them.
+// Line breaks become visible escapes, so a line stays one line.
 TEST(LogLineEncoderTest, WritesLineBreaksAsEscapes) {
   const std::vector<ValueCase> cases = {
-      // The escape leaves a backslash in the text, so the value is quoted as well.
+      // The escape leaves a backslash in the text, which then makes the value quoted.
       {"note", "a\nb", "\"a\\\\nb\""},
       {"note", "a\r\nb", "\"a\\\\r\\\\nb\""},
       {"note", "\n", "\"\\\\n\""},
