@@ -7,18 +7,28 @@
 
 namespace tavix {
 
-std::string homeDirectory() {
-  std::string home;
-  if (const char *value = std::getenv("HOME"); value != nullptr && *value != '\0') {
-    home = value;
-  } else {
+namespace {
+
+// The password entry does not change while the process runs, so it is read once; the
+// logger asks for the home directory on every line.
+const std::string &passwordEntryHome() {
+  static const std::string home = [] {
     std::vector<char> buffer(16384);
     passwd entry{};
     passwd *found = nullptr;
     if (getpwuid_r(getuid(), &entry, buffer.data(), buffer.size(), &found) == 0 && found &&
         found->pw_dir)
-      home = found->pw_dir;
-  }
+      return std::string(found->pw_dir);
+    return std::string();
+  }();
+  return home;
+}
+
+} // namespace
+
+std::string homeDirectory() {
+  const char *value = std::getenv("HOME");
+  std::string home = value != nullptr && *value != '\0' ? value : passwordEntryHome();
   while (home.size() > 1 && home.back() == '/')
     home.pop_back();
   return home;

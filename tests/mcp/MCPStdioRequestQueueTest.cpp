@@ -1,10 +1,10 @@
 #include "mcp/MCPStdioRequestQueue.h"
 
 #include "fakes/CapturedLog.h"
+#include "fakes/ReleaseGate.h"
 
 #include <gtest/gtest.h>
 
-#include <condition_variable>
 #include <regex>
 #include <set>
 
@@ -13,49 +13,14 @@ namespace {
 
 using Admission = MCPStdioRequestQueue::Admission;
 
-// Operations that record when they start and block until released or cancelled.
-class Operations {
+// Queue operations that hold until the test releases them.
+class Operations : public ReleaseGate {
 public:
   MCPStdioRequestQueue::Operation make(std::string name) {
     return [this, name](const std::string &correlationID, std::stop_token stop) {
-      std::unique_lock guard(lock_);
-      started_.push_back(name);
-      correlationIDs_.push_back(correlationID);
-      changed_.notify_all();
-      changed_.wait(guard, stop, [&] { return released_.contains(name); });
-      if (stop.stop_requested())
-        cancelled_.push_back(name);
-      finished_.push_back(name);
-      changed_.notify_all();
+      pass(name, correlationID, std::move(stop));
     };
   }
-  void release(const std::string &name) {
-    std::lock_guard guard(lock_);
-    released_.insert(name);
-    changed_.notify_all();
-  }
-  // Waits until `count` operations have started / finished.
-  std::vector<std::string> started(size_t count) { return waitFor(started_, count); }
-  std::vector<std::string> finished(size_t count) { return waitFor(finished_, count); }
-  std::vector<std::string> cancelled() {
-    std::lock_guard guard(lock_);
-    return cancelled_;
-  }
-  std::vector<std::string> correlationIDs() {
-    std::lock_guard guard(lock_);
-    return correlationIDs_;
-  }
-
-private:
-  std::vector<std::string> waitFor(const std::vector<std::string> &list, size_t count) {
-    std::unique_lock guard(lock_);
-    changed_.wait(guard, [&] { return list.size() >= count; });
-    return list;
-  }
-  std::mutex lock_;
-  std::condition_variable_any changed_;
-  std::set<std::string> released_;
-  std::vector<std::string> started_, finished_, cancelled_, correlationIDs_;
 };
 
 JSONRPCId id(int64_t value) { return JSONRPCId(value); }

@@ -1,5 +1,7 @@
 #include "support/ChildProcess.h"
 
+#include "support/Pipe.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
@@ -79,16 +81,7 @@ ChildProcess::~ChildProcess() {
       ::close(fd);
 }
 
-void ChildProcess::write(std::string_view bytes) {
-  while (!bytes.empty()) {
-    const ssize_t n = ::write(input_, bytes.data(), bytes.size());
-    if (n < 0 && errno == EINTR)
-      continue;
-    if (n <= 0)
-      throw std::runtime_error("write to child failed");
-    bytes.remove_prefix(static_cast<size_t>(n));
-  }
-}
+void ChildProcess::write(std::string_view bytes) { writeAll(input_, bytes); }
 
 void ChildProcess::closeInput() {
   if (input_ >= 0)

@@ -12,6 +12,18 @@
 
 namespace tavix::test {
 
+// Writes every byte to a blocking descriptor, or throws.
+inline void writeAll(int fd, std::string_view bytes) {
+  while (!bytes.empty()) {
+    const ssize_t n = ::write(fd, bytes.data(), bytes.size());
+    if (n < 0 && errno == EINTR)
+      continue;
+    if (n <= 0)
+      throw std::runtime_error("write failed");
+    bytes.remove_prefix(static_cast<size_t>(n));
+  }
+}
+
 class Pipe {
 public:
   Pipe() {
@@ -39,16 +51,7 @@ public:
       ::close(std::exchange(writeEnd_, -1));
   }
 
-  void write(std::string_view bytes) const {
-    while (!bytes.empty()) {
-      const ssize_t n = ::write(writeEnd_, bytes.data(), bytes.size());
-      if (n < 0 && errno == EINTR)
-        continue;
-      if (n <= 0)
-        throw std::runtime_error("pipe write failed");
-      bytes.remove_prefix(static_cast<size_t>(n));
-    }
-  }
+  void write(std::string_view bytes) const { writeAll(writeEnd_, bytes); }
 
   // Writes, then waits until the reader has taken every byte, so that the next write
   // arrives in a separate read.
