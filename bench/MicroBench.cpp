@@ -4,11 +4,16 @@
 #include "mcp/ComputerUseMCPServer.h"
 #include "mcp/StdioMessageReader.h"
 #include "mcp/StdioMessageWriter.h"
+#include "support/BundleIdentifiers.h"
+#include "support/LogFileCompaction.h"
 #include "support/LogLineEncoder.h"
 
 #include <benchmark/benchmark.h>
 
+#include <cstdlib>
 #include <fcntl.h>
+#include <filesystem>
+#include <fstream>
 #include <thread>
 #include <unistd.h>
 
@@ -74,6 +79,45 @@ void BM_EncodeLogLine(benchmark::State &state) {
         encodeLogLine(LogLevel::info, LogCategory::transport, "tool_call_finished", fields, context));
 }
 BENCHMARK(BM_EncodeLogLine);
+
+// One configuration read: the information dictionary is read from disk every time.
+void BM_ReadConfiguredBoolean(benchmark::State &state) {
+  char directory[] = "/tmp/bench-config-XXXXXX";
+  if (mkdtemp(directory) == nullptr)
+    return state.SkipWithError("mkdtemp failed");
+  const std::string path = std::string(directory) + "/Info.plist";
+  std::ofstream(path) << R"(<?xml version="1.0" encoding="UTF-8"?>
+<plist version="1.0"><dict>
+<key>CFBundleIdentifier</key><string>com.tavix.computeruse.bridge</string>
+<key>TavixComputerUseEnforceSenderAuthorization</key><false/>
+</dict></plist>
+)";
+  const BundleIdentifiers identifiers(std::make_shared<const PropertyListFileSource>(path));
+  for (auto _ : state)
+    benchmark::DoNotOptimize(identifiers.senderAuthorizationEnforced());
+  std::filesystem::remove_all(directory);
+}
+BENCHMARK(BM_ReadConfiguredBoolean);
+
+// Compacting a 6 MiB log file of 120-byte lines down to its last 4 MiB.
+void BM_CompactLogFile(benchmark::State &state) {
+  char directory[] = "/tmp/bench-compact-XXXXXX";
+  if (mkdtemp(directory) == nullptr)
+    return state.SkipWithError("mkdtemp failed");
+  const std::string path = std::string(directory) + "/computer-use-runtime.log";
+  const std::string line = std::string(119, 'x') + "\n";
+  std::string contents;
+  while (contents.size() < (6u << 20))
+    contents += line;
+  for (auto _ : state) {
+    state.PauseTiming();
+    std::ofstream(path, std::ios::trunc) << contents;
+    state.ResumeTiming();
+    benchmark::DoNotOptimize(compactLogFileIfNeeded(path));
+  }
+  std::filesystem::remove_all(directory);
+}
+BENCHMARK(BM_CompactLogFile)->Unit(benchmark::kMillisecond);
 
 } // namespace
 } // namespace tavix

@@ -390,6 +390,13 @@ int main(int argc, char** argv) {
 
   signal(SIGPIPE, SIG_IGN);  // a server that dies shows as a write error
   pinSelf(opt.cpu);
+  // The bridge writes its log file where this says, not among the user's own logs.
+  if (getenv("TAVIX_CU_LOG_DIR") == nullptr) {
+    char logDir[] = "/tmp/bench-e2e-logs-XXXXXX";
+    if (mkdtemp(logDir) == nullptr) usage(argv[0], "cannot make a log directory in /tmp");
+    setenv("TAVIX_CU_LOG_DIR", logDir, 1);
+    std::printf("bridge log directory: %s\n", logDir);
+  }
 
   std::vector<Server> servers;
   if (opt.floor) servers.push_back({"floor (cat)", {"/bin/cat"}});

@@ -1,10 +1,12 @@
 #include "bridge/TavixComputerUseBridgeMain.h"
 
 #include "bridge/BridgeMode.h"
+#include "bridge/ParentAuthorization.h"
 #include "bridge/TerminationSignals.h"
 #include "mcp/ComputerUseMCPServer.h"
 #include "platform/UnifiedLog.h"
 #include "support/Logger.h"
+#include "support/TavixComputerUseLogFile.h"
 
 #include <csignal>
 #include <exception>
@@ -12,6 +14,9 @@
 
 namespace tavix {
 namespace {
+
+// How often the log file is checked against the host's newest log session.
+constexpr double logFileRefreshIntervalSeconds = 60.0;
 
 int serveMCP(BridgeMode mode) {
   ComputerUseMCPServer server(mode == BridgeMode::computerUse
@@ -52,11 +57,17 @@ int TavixComputerUseBridgeMain::main(const std::vector<std::string> &arguments) 
   auto sinks = Log::defaultSinks();
   sinks.unifiedLog = makeSystemUnifiedLog();
   Log::replaceSinks(std::move(sinks));
+  TavixComputerUseLogFile::installStderrRedirection(logFileRefreshIntervalSeconds);
   // A write to a closed pipe must be an error to handle, not the end of the process.
   std::signal(SIGPIPE, SIG_IGN);
 
   if (arguments.size() < 2) {
     printUsage(arguments);
+    return 1;
+  }
+  if (const auto authorized = verifyParentProcessIfNeeded(); !authorized) {
+    Log::error(LogCategory::lifecycle, "startup_rejected",
+               {{"error", authorized.error().description()}, {"reason", "parent_authorization"}});
     return 1;
   }
   const auto mode = parseBridgeMode({arguments.begin() + 1, arguments.end()});

@@ -10,9 +10,10 @@ namespace tavix {
 namespace {
 
 // The password entry does not change while the process runs, so it is read once; the
-// logger asks for the home directory on every line.
+// logger asks for the home directory on every line. Never destroyed: threads may still
+// log while the process exits.
 const std::string &passwordEntryHome() {
-  static const std::string home = [] {
+  static const std::string *home = new std::string([] {
     std::vector<char> buffer(16384);
     passwd entry{};
     passwd *found = nullptr;
@@ -20,8 +21,8 @@ const std::string &passwordEntryHome() {
         found->pw_dir)
       return std::string(found->pw_dir);
     return std::string();
-  }();
-  return home;
+  }());
+  return *home;
 }
 
 } // namespace

@@ -2,6 +2,7 @@
 
 #include "support/HomeDirectory.h"
 #include "support/UserPerceivedText.h"
+#include "support/Whitespace.h"
 
 #include <array>
 #include <charconv>
@@ -15,14 +16,6 @@ namespace {
 constexpr std::array<std::string_view, 10> redactedKeyParts = {
     "password",    "token",           "secret", "clipboard",          "base64",
     "requestdata", "requestarguments", "axtree", "screenshotcontent", "usertext"};
-
-std::string lowercased(std::string_view text) {
-  std::string result(text);
-  for (char &c : result)
-    if (c >= 'A' && c <= 'Z')
-      c = static_cast<char>(c - 'A' + 'a');
-  return result;
-}
 
 bool isRedactedKey(const std::string &lowerKey) {
   for (std::string_view part : redactedKeyParts)
@@ -79,22 +72,8 @@ void replaceLineBreaks(std::string &text) {
   text = std::move(result);
 }
 
-// White space in the Unicode sense, as UTF-8 byte sequences beyond ASCII.
-bool containsUnicodeSpace(std::string_view text) {
-  static constexpr std::array<std::string_view, 19> spaces = {
-      "\xC2\x85",     "\xC2\xA0",     "\xE1\x9A\x80", "\xE2\x80\x80", "\xE2\x80\x81",
-      "\xE2\x80\x82", "\xE2\x80\x83", "\xE2\x80\x84", "\xE2\x80\x85", "\xE2\x80\x86",
-      "\xE2\x80\x87", "\xE2\x80\x88", "\xE2\x80\x89", "\xE2\x80\x8A", "\xE2\x80\xA8",
-      "\xE2\x80\xA9", "\xE2\x80\xAF", "\xE2\x81\x9F", "\xE3\x80\x80"};
-  for (std::string_view space : spaces)
-    if (text.find(space) != std::string_view::npos)
-      return true;
-  return false;
-}
-
 bool needsQuoting(std::string_view text) {
-  return text.find_first_of(" \t\n\r\v\f\"=\\") != std::string_view::npos ||
-         containsUnicodeSpace(text);
+  return text.find_first_of("\"=\\") != std::string_view::npos || containsWhitespace(text);
 }
 
 std::string quoted(std::string_view text) {
@@ -167,7 +146,7 @@ bool isValidLogFieldKey(std::string_view key) {
 }
 
 std::string encodeLogValue(const LogValue &value, std::string_view key, std::string_view home) {
-  const std::string lowerKey = lowercased(key);
+  const std::string lowerKey = asciiLowercased(key);
   std::string text = isRedactedKey(lowerKey) ? "[redacted]" : describe(value, lowerKey, home);
   replaceLineBreaks(text);
   if (const size_t cut = prefixLengthForCharacters(text, maxEncodedValueCharacters);

@@ -5,6 +5,7 @@
 #include "support/HomeDirectory.h"
 #include "support/LogLineEncoder.h"
 #include "support/RequestContext.h"
+#include "support/Whitespace.h"
 
 #include <cerrno>
 #include <cstdlib>
@@ -24,6 +25,9 @@ struct RateLimitState {
 
 struct LoggerState {
   std::mutex stateLock;
+  // Serializes writes of whole lines. Separate from stateLock because a write may wait
+  // for the file lock of a compaction, which itself needs the clock behind stateLock.
+  std::mutex writeLock;
   TavixComputerUseLogger::Sinks sinks = TavixComputerUseLogger::defaultSinks();
   std::map<std::string, std::shared_ptr<UnifiedLogHandle>, std::less<>> loggers;
   std::map<std::string, RateLimitState, std::less<>> rateLimitStates;
@@ -43,17 +47,7 @@ std::optional<LogLevel> levelFromEnvironment(const char *key) {
   const char *value = std::getenv(key);
   if (value == nullptr)
     return std::nullopt;
-  std::string_view text(value);
-  constexpr std::string_view space = " \t\n\r\v\f";
-  const size_t first = text.find_first_not_of(space);
-  if (first == std::string_view::npos)
-    return std::nullopt;
-  text = text.substr(first, text.find_last_not_of(space) - first + 1);
-  std::string lower(text);
-  for (char &c : lower)
-    if (c >= 'A' && c <= 'Z')
-      c = static_cast<char>(c - 'A' + 'a');
-  return parseLogLevel(lower);
+  return parseLogLevel(asciiLowercased(trimmedWhitespaceAndNewlines(value)));
 }
 
 UnifiedLogType unifiedType(LogLevel level) {
@@ -136,8 +130,13 @@ void TavixComputerUseLogger::log(LogLevel level, LogCategory category, std::stri
   const std::string line = encodeForCurrentRequest(level, category, event, fields, wallNow());
   if (level >= stderrThreshold) {
     LoggerState &s = state();
-    std::lock_guard lock(s.stateLock);
-    s.sinks.writeStderr(line);
+    std::function<void(std::string_view)> write;
+    {
+      std::lock_guard lock(s.stateLock);
+      write = s.sinks.writeStderr;
+    }
+    std::lock_guard lock(s.writeLock);
+    write(line);
   }
   if (level >= mirrorThreshold)
     mirrorToUnifiedLog(line, category, level);
@@ -166,6 +165,11 @@ void TavixComputerUseLogger::rateLimitedWarning(LogCategory category, std::strin
     s.rateLimitStates[key] = RateLimitState{now, 0};
   }
   log(LogLevel::warning, category, event, extended);
+}
+
+std::string TavixComputerUseLogger::encodeLine(LogLevel level, LogCategory category,
+                                               std::string_view event, const LogFields &fields) {
+  return encodeForCurrentRequest(level, category, event, fields, wallNow());
 }
 
 void TavixComputerUseLogger::emergencyUnifiedFault(LogCategory category, std::string_view event,

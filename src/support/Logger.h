@@ -8,6 +8,7 @@
 #include <chrono>
 #include <functional>
 #include <memory>
+#include <string>
 #include <string_view>
 
 namespace tavix {
@@ -56,6 +57,10 @@ public:
   // A fault line for the unified log only, for when standard error may be unusable.
   static void emergencyUnifiedFault(LogCategory category, std::string_view event,
                                     const LogFields &fields = {});
+
+  // The line that `log` would write, stamped now, without writing it anywhere.
+  static std::string encodeLine(LogLevel level, LogCategory category, std::string_view event,
+                                const LogFields &fields = {});
 
   // Replaces the sinks and returns the previous ones. Also forgets cached unified-log
   // handles and rate-limit state, which belong to the sinks they were made for.

@@ -13,9 +13,11 @@ std::shared_ptr<const RequestContext> &threadContext() {
 } // namespace
 
 std::shared_ptr<const RequestContext> RequestContext::current() {
-  static const auto empty = std::make_shared<const RequestContext>();
+  // Never destroyed: threads may still log while the process exits.
+  static const auto *empty =
+      new std::shared_ptr<const RequestContext>(std::make_shared<const RequestContext>());
   const auto &context = threadContext();
-  return context ? context : empty;
+  return context ? context : *empty;
 }
 
 WithRequestContext::WithRequestContext(std::shared_ptr<const RequestContext> context)

@@ -1,11 +1,14 @@
 // Drives the real bridge executable over pipes, as a host does.
 
 #include "support/ChildProcess.h"
+#include "support/PropertyListWriter.h"
+#include "support/TemporaryDirectory.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <csignal>
+#include <filesystem>
 
 namespace tavix::test {
 namespace {
@@ -14,20 +17,48 @@ using namespace std::chrono_literals;
 
 const std::string bridgePath = TAVIX_BRIDGE_EXECUTABLE;
 
-std::unique_ptr<ChildProcess> startBridge(std::vector<std::string> modeWords,
-                                          std::map<std::string, std::string> env = {}) {
-  modeWords.insert(modeWords.begin(), bridgePath);
-  return std::make_unique<ChildProcess>(
-      modeWords, env,
-      std::vector<std::string>{"TAVIX_COMPUTER_USE_LOG_LEVEL",
-                               "TAVIX_COMPUTER_USE_OSLOG_MIRROR_LEVEL"});
+struct LogDirectory {
+  TemporaryDirectory logs;
+};
+
+// The bridge as a host starts it, with a log directory of its own: the bridge sends its
+// standard error there.
+class Bridge : private LogDirectory, public ChildProcess {
+public:
+  Bridge(std::vector<std::string> modeWords, std::map<std::string, std::string> env,
+         const std::string &executable)
+      : ChildProcess(withExecutable(std::move(modeWords), executable),
+                     withLogDirectory(std::move(env), logs.path()),
+                     {"TAVIX_COMPUTER_USE_LOG_LEVEL", "TAVIX_COMPUTER_USE_OSLOG_MIRROR_LEVEL",
+                      "TAVIX_IDE_LOGS_HOME", "XDG_CONFIG_HOME"}) {}
+
+  // The log file as it stands (complete once the bridge has exited).
+  std::string log() const { return readFile(logs / "computer-use-runtime.log"); }
+
+private:
+  static std::vector<std::string> withExecutable(std::vector<std::string> words,
+                                                 const std::string &executable) {
+    words.insert(words.begin(), executable);
+    return words;
+  }
+  static std::map<std::string, std::string> withLogDirectory(std::map<std::string, std::string> env,
+                                                             const std::string &directory) {
+    env.emplace("TAVIX_CU_LOG_DIR", directory);
+    return env;
+  }
+};
+
+std::unique_ptr<Bridge> startBridge(std::vector<std::string> modeWords,
+                                    std::map<std::string, std::string> env = {},
+                                    const std::string &executable = bridgePath) {
+  return std::make_unique<Bridge>(std::move(modeWords), std::move(env), executable);
 }
 
 std::string contentLengthFrame(std::string_view body) {
   return "Content-Length: " + std::to_string(body.size()) + "\r\n\r\n" + std::string(body);
 }
 
-TEST(BridgeModeWords, AnythingButAKnownModeIsAUsageErrorLoggedOnlyToStandardError) {
+TEST(BridgeModeWords, AnythingButAKnownModeIsAUsageErrorLoggedOnlyToTheLogFile) {
   const std::vector<std::vector<std::string>> cases = {
       {}, {"mcp", "extra"}, {"event-stream"}, {"mcp", "event-stream"}, {"MCP"}, {""},
       {"event-stream", "mcp", "x"}};
@@ -36,7 +67,8 @@ TEST(BridgeModeWords, AnythingButAKnownModeIsAUsageErrorLoggedOnlyToStandardErro
     auto bridge = startBridge(words);
     EXPECT_EQ(bridge->wait(), 1);
     EXPECT_EQ(bridge->readRemainingOutput(), "");
-    const auto lines = logLinesWithEvent(bridge->errorOutput(), "invalid_command");
+    EXPECT_EQ(bridge->errorOutput(), "");
+    const auto lines = logLinesWithEvent(bridge->log(), "invalid_command");
     ASSERT_EQ(lines.size(), 1u);
     EXPECT_NE(lines[0].find(" level=error process=Bridge pid="), std::string::npos) << lines[0];
     EXPECT_NE(lines[0].find(" category=lifecycle event=invalid_command "
@@ -53,7 +85,7 @@ TEST(BridgeLifecycle, EndOfInputEndsEitherModeWithStatusZero) {
     EXPECT_EQ(bridge->readLine(), R"({"id":1,"jsonrpc":"2.0","result":{}})");
     bridge->closeInput();
     EXPECT_EQ(bridge->wait(), 0);
-    const std::string log = bridge->errorOutput();
+    const std::string log = bridge->log();
     EXPECT_EQ(logLinesWithEvent(log, "transport_started").size(), 1u) << log;
     EXPECT_EQ(logLinesWithEvent(log, "framing_detected").size(), 1u) << log;
     EXPECT_NE(log.find("framing=newline-delimited"), std::string::npos) << log;
@@ -130,7 +162,7 @@ TEST(BridgeJSONRPC, ContentLengthFramedAnswersMatchByteForByte) {
   }
   bridge->closeInput();
   EXPECT_EQ(bridge->wait(), 0);
-  EXPECT_NE(bridge->errorOutput().find("framing=content-length"), std::string::npos);
+  EXPECT_NE(bridge->log().find("framing=content-length"), std::string::npos);
 }
 
 TEST(BridgeJSONRPC, ContentLengthHeadersAreCaseInsensitiveAndMayArriveTogether) {
@@ -149,7 +181,7 @@ TEST(BridgeJSONRPC, ContentLengthHeadersAreCaseInsensitiveAndMayArriveTogether) 
   bridge->write(ping1 + "\n\r\n\r\n");
   EXPECT_EQ(bridge->wait(), 0);
   EXPECT_EQ(bridge->readRemainingOutput(), "");
-  EXPECT_EQ(logLinesWithEvent(bridge->errorOutput(), "content_length_invalid").size(), 1u);
+  EXPECT_EQ(logLinesWithEvent(bridge->log(), "content_length_invalid").size(), 1u);
 }
 
 TEST(BridgeJSONRPC, BrokenHeadersEndTheConnection) {
@@ -181,7 +213,7 @@ TEST(BridgeJSONRPC, SeveralMessagesInOneWriteAreAnsweredInOrder) {
 }
 
 // Waits until the bridge serves, so that a signal finds its handler installed.
-std::unique_ptr<ChildProcess> startServingBridge() {
+std::unique_ptr<Bridge> startServingBridge() {
   auto bridge = startBridge({"mcp"});
   bridge->write("{\"jsonrpc\":\"2.0\",\"id\":1,\"method\":\"ping\"}\n");
   EXPECT_TRUE(bridge->readLine().has_value());
@@ -194,7 +226,7 @@ TEST(BridgeSignals, TerminationSignalsCancelTheSessionAndExitWithStatusZero) {
     auto bridge = startServingBridge();
     bridge->signal(number);
     EXPECT_EQ(bridge->wait(), 0);
-    const auto lines = logLinesWithEvent(bridge->errorOutput(), "signal_received");
+    const auto lines = logLinesWithEvent(bridge->log(), "signal_received");
     ASSERT_EQ(lines.size(), 1u);
     EXPECT_TRUE(lines[0].ends_with("category=lifecycle event=signal_received "
                                    "outcome=cancelling_transport signal=" +
@@ -209,7 +241,7 @@ TEST(BridgeSignals, ASecondSignalDuringTheWindDownIsIgnored) {
   bridge->signal(SIGINT);
   bridge->signal(SIGTERM);
   EXPECT_EQ(bridge->wait(), 0);
-  const std::string log = bridge->errorOutput();
+  const std::string log = bridge->log();
   EXPECT_EQ(logLinesWithEvent(log, "signal_received").size(), 1u) << log;
   EXPECT_TRUE(logLinesWithEvent(log, "shutdown_grace_expired").empty()) << log;
 }
@@ -234,9 +266,85 @@ TEST(BridgeOutput, AClosedOutputPipeEndsTheSession) {
   bridge->closeOutput();
   bridge->write("{\"jsonrpc\":\"2.0\",\"id\":2,\"method\":\"ping\"}\n");
   EXPECT_EQ(bridge->wait(), 0);
-  const auto closed = logLinesWithEvent(bridge->errorOutput(), "transport_closed");
+  const auto closed = logLinesWithEvent(bridge->log(), "transport_closed");
   ASSERT_EQ(closed.size(), 1u);
   EXPECT_TRUE(closed[0].ends_with("errno=32 transport=stdio")) << closed[0];
+}
+
+TEST(BridgeLogFile, WithoutAnExplicitDirectoryTheLogJoinsTheHostsNewestSession) {
+  TemporaryDirectory home;
+  const std::string sessions = home / ".config/Tavix/logs";
+  std::filesystem::create_directories(sessions + "/20260101T000000");
+  std::filesystem::create_directories(sessions + "/20260102T000000");
+  writeFile(sessions + "/20260101T000000/main.log", "");
+  auto bridge = startBridge({"mcp"}, {{"HOME", home.path()}, {"TAVIX_CU_LOG_DIR", " "}});
+  bridge->closeInput();
+  EXPECT_EQ(bridge->wait(), 0);
+  EXPECT_EQ(bridge->errorOutput(), "");
+  const auto attached = logLinesWithEvent(
+      readFile(sessions + "/20260101T000000/computer-use-runtime.log"), "stderr_sink_attached");
+  ASSERT_EQ(attached.size(), 1u);
+  EXPECT_TRUE(attached[0].ends_with(
+      " logPath=~/.config/Tavix/logs/20260101T000000/computer-use-runtime.log"))
+      << attached[0];
+}
+
+// A copy of the executable in a directory of its own, with or without an information
+// dictionary beside it.
+struct BridgeCopy {
+  explicit BridgeCopy(std::optional<PropertyListDictionary> info,
+                      std::string_view subdirectory = "") {
+    executable = directory / (std::string(subdirectory) + "TavixComputerUseBridge");
+    std::filesystem::create_directories(std::filesystem::path(executable).parent_path());
+    std::filesystem::copy_file(bridgePath, executable);
+    if (info)
+      writePropertyList(directory / "Info.plist", *info, PropertyListFormat::xml);
+  }
+  TemporaryDirectory directory;
+  std::string executable;
+};
+
+TEST(BridgeParentAuthorization, WithTheCheckOnAnUnsignedParentIsRefused) {
+  const std::vector<std::optional<PropertyListDictionary>> infos = {
+      PropertyListDictionary{{"TavixComputerUseEnforceSenderAuthorization", true}},
+      std::nullopt, // no information dictionary: the check is on by default
+  };
+  for (const auto &info : infos) {
+    SCOPED_TRACE(info ? "enforcing Info.plist" : "no Info.plist");
+    const BridgeCopy copy(info);
+    auto bridge = startBridge({"mcp"}, {}, copy.executable);
+    EXPECT_EQ(bridge->wait(), 1);
+    EXPECT_EQ(bridge->readRemainingOutput(), "");
+    const auto lines = logLinesWithEvent(bridge->log(), "startup_rejected");
+    ASSERT_EQ(lines.size(), 1u) << bridge->log();
+    // The error's text never reaches the log: error texts can quote anything.
+    EXPECT_NE(lines[0].find(" level=error process=Bridge pid="), std::string::npos) << lines[0];
+    EXPECT_TRUE(lines[0].ends_with(" category=lifecycle event=startup_rejected "
+                                   "error=[redacted-string-error] reason=parent_authorization"))
+        << lines[0];
+    EXPECT_TRUE(logLinesWithEvent(bridge->log(), "transport_started").empty());
+  }
+}
+
+TEST(BridgeParentAuthorization, WithoutAModeWordTheUsageErrorComesBeforeAnyCheck) {
+  const BridgeCopy copy(PropertyListDictionary{{"TavixComputerUseEnforceSenderAuthorization", true}});
+  auto bridge = startBridge({}, {}, copy.executable);
+  EXPECT_EQ(bridge->wait(), 1);
+  EXPECT_EQ(logLinesWithEvent(bridge->log(), "invalid_command").size(), 1u);
+  EXPECT_TRUE(logLinesWithEvent(bridge->log(), "startup_rejected").empty());
+}
+
+TEST(BridgeParentAuthorization, TheInstalledLayoutFindsTheShippedInformation) {
+  // bin/ and share/<executable name>/, as an install lays them out.
+  const BridgeCopy copy(std::nullopt, "bin/");
+  std::filesystem::create_directories(copy.directory / "share/TavixComputerUseBridge");
+  std::filesystem::copy_file(std::filesystem::path(bridgePath).parent_path() / "Info.plist",
+                             copy.directory / "share/TavixComputerUseBridge/Info.plist");
+  auto bridge = startBridge({"mcp"}, {}, copy.executable);
+  bridge->write("{\"jsonrpc\":\"2.0\",\"id\":1,\"method\":\"ping\"}\n");
+  EXPECT_EQ(bridge->readLine(), R"({"id":1,"jsonrpc":"2.0","result":{}})");
+  bridge->closeInput();
+  EXPECT_EQ(bridge->wait(), 0);
 }
 
 } // namespace

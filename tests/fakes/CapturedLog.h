@@ -1,6 +1,8 @@
 #pragma once
-// Captures the logger's standard-error lines for the life of the object.
+// Captures the logger's standard-error lines for the life of the object, and sends
+// unified-log lines to the given log (none by default).
 
+#include "platform/UnifiedLog.h"
 #include "support/Logger.h"
 
 #include <algorithm>
@@ -12,8 +14,9 @@ namespace tavix::test {
 
 class CapturedLog {
 public:
-  CapturedLog() {
+  explicit CapturedLog(std::shared_ptr<UnifiedLog> unifiedLog = nullptr) {
     auto sinks = Log::defaultSinks();
+    sinks.unifiedLog = std::move(unifiedLog);
     sinks.writeStderr = [this](std::string_view line) {
       std::lock_guard guard(lock_);
       lines_.emplace_back(line);

@@ -1,4 +1,5 @@
 #include "support/LogLineEncoder.h"
+#include "support/ScopedTimeZone.h"
 
 #include <gtest/gtest.h>
 
@@ -212,25 +213,7 @@ TEST(LogLineEncoderTest, TruncatesDownToTheFixedParts) {
             prefix("info", "ipc", "e") + " truncated=true\n");
 }
 
-class ScopedTimeZone {
-public:
-  explicit ScopedTimeZone(const char *zone) {
-    if (const char *old = std::getenv("TZ"))
-      previous_ = old;
-    setenv("TZ", zone, 1);
-    tzset();
-  }
-  ~ScopedTimeZone() {
-    if (previous_)
-      setenv("TZ", previous_->c_str(), 1);
-    else
-      unsetenv("TZ");
-    tzset();
-  }
-
-private:
-  std::optional<std::string> previous_;
-};
+using test::ScopedTimeZone;
 
 TEST(LogLineEncoderTest, FormatsTimestampsInTheLocalZone) {
   struct Case {

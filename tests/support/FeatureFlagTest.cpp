@@ -1,0 +1,152 @@
+// Feature flags over user-defaults files written by the test, and where the program's
+// own information dictionary and user defaults are looked for.
+
+#include "support/FeatureFlag.h"
+#include "support/MainBundle.h"
+#include "support/PropertyListWriter.h"
+#include "support/TemporaryDirectory.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <filesystem>
+
+namespace tavix::test {
+namespace {
+
+using ::testing::ElementsAre;
+
+class FeatureFlagTest : public ::testing::Test {
+protected:
+  FeatureFlag flagsWith(const PropertyListDictionary &entries,
+                        PropertyListFormat format = PropertyListFormat::binary) {
+    writePropertyList(path_, entries, format);
+    return flags_;
+  }
+
+  TemporaryDirectory directory_;
+  std::string path_ = directory_ / "defaults.plist";
+  FeatureFlag flags_{std::make_shared<const UserDefaults>(
+      std::make_shared<const PropertyListFileSource>(path_))};
+};
+
+TEST_F(FeatureFlagTest, WithNothingSetOnlyTheCursorIsOn) {
+  EXPECT_TRUE(flags_.computerUseCursor());
+  EXPECT_FALSE(flags_.detachComputerUseCursor());
+  EXPECT_FALSE(flags_.computerUseAlwaysSimulateClick());
+  EXPECT_FALSE(flags_.computerUsePIP());
+  EXPECT_FALSE(flags_.computerUsePIPOverrideMinimizeButton());
+  EXPECT_FALSE(flags_.computerUsePersonalInstructionsOverridesBuiltIn());
+  EXPECT_FALSE(flags_.screenshot());
+  EXPECT_FALSE(flags_.overrideFogSamplingTexture());
+  EXPECT_FALSE(flags_.lockedUseAutoUnlock());
+  EXPECT_FALSE(flags_.computerUseAllowForbiddenTargets());
+}
+
+TEST_F(FeatureFlagTest, EachFlagReadsItsOwnKey) {
+  const auto flags = flagsWith({{"feature/computerUseCursor", false},
+                                {"feature/detachComputerUseCursor", true},
+                                {"feature/computerUseAlwaysSimulateClick", true},
+                                {"feature/computerUsePIP", true},
+                                {"feature/computerUsePIPOverrideMinimizeButton", true},
+                                {"feature/computerUsePersonalInstructionsOverridesBuiltIn", true},
+                                {"feature/screenshot", true},
+                                {"feature/overrideFogSamplingTexture", true},
+                                {"feature/lockedUseAutoUnlock", true},
+                                {"ComputerUseAllowForbiddenTargets", true}},
+                               PropertyListFormat::xml);
+  EXPECT_FALSE(flags.computerUseCursor());
+  EXPECT_TRUE(flags.detachComputerUseCursor());
+  EXPECT_TRUE(flags.computerUseAlwaysSimulateClick());
+  EXPECT_TRUE(flags.computerUsePIP());
+  EXPECT_TRUE(flags.computerUsePIPOverrideMinimizeButton());
+  EXPECT_TRUE(flags.computerUsePersonalInstructionsOverridesBuiltIn());
+  EXPECT_TRUE(flags.screenshot());
+  EXPECT_TRUE(flags.overrideFogSamplingTexture());
+  EXPECT_TRUE(flags.lockedUseAutoUnlock());
+  EXPECT_TRUE(flags.computerUseAllowForbiddenTargets());
+  // The forbidden-targets switch has no "feature/" prefix; the prefixed key is another one.
+  EXPECT_FALSE(flagsWith({{"feature/ComputerUseAllowForbiddenTargets", true}})
+                   .computerUseAllowForbiddenTargets());
+}
+
+TEST_F(FeatureFlagTest, BooleansAcceptNumbersAndWords) {
+  const std::vector<std::pair<PropertyListValue, bool>> cases = {
+      {true, true},      {false, false},  {int64_t{1}, true}, {int64_t{-2}, true},
+      {int64_t{0}, false}, {0.25, true},  {0.0, false},       {" YES ", true},
+      {"true", true},    {"1", true},     {"no", false},      {"on", false},
+      {"", false},       {PropertyListArray{true}, false},    {PropertyListValue::Other{}, false},
+  };
+  for (const auto &[value, expected] : cases) {
+    SCOPED_TRACE(::testing::PrintToString(value.storage().index()));
+    const auto flags = flagsWith({{"feature/screenshot", value}});
+    EXPECT_EQ(flags.screenshot(), expected);
+    EXPECT_EQ(flags.isEnabled("feature/screenshot", !expected), expected);
+  }
+}
+
+TEST_F(FeatureFlagTest, ADefaultAppliesOnlyWhenTheKeyIsUnset) {
+  const auto flags = flagsWith({{"present", "nonsense"}});
+  EXPECT_FALSE(flags.isEnabled("present", true));
+  EXPECT_TRUE(flags.isEnabled("absent", true));
+  EXPECT_FALSE(flags.isEnabled("absent"));
+}
+
+TEST_F(FeatureFlagTest, StringValuesAreTextOrNumbers) {
+  const auto flags = flagsWith({{"text", " spaced "},
+                                {"integer", int64_t{-42}},
+                                {"real", 1.5},
+                                {"list", PropertyListArray{"a"}}});
+  EXPECT_EQ(flags.stringValue("text"), " spaced ");
+  EXPECT_EQ(flags.stringValue("integer"), "-42");
+  EXPECT_EQ(flags.stringValue("real"), "1.5");
+  EXPECT_EQ(flags.stringValue("list"), std::nullopt);
+  EXPECT_EQ(flags.stringValue("absent"), std::nullopt);
+}
+
+TEST_F(FeatureFlagTest, AChangedFileTakesEffectAtTheNextRead) {
+  EXPECT_FALSE(flags_.screenshot());
+  writePropertyList(path_, {{"feature/screenshot", true}}, PropertyListFormat::xml);
+  EXPECT_TRUE(flags_.screenshot());
+  writeFile(path_, "garbage");
+  EXPECT_FALSE(flags_.screenshot());
+  EXPECT_TRUE(flags_.computerUseCursor());
+}
+
+TEST(MainBundle, InformationIsBesideTheExecutableElseInItsShareDirectory) {
+  EXPECT_THAT(infoPlistCandidates("/opt/tavix/bin/TavixComputerUseBridge"),
+              ElementsAre("/opt/tavix/bin/Info.plist",
+                          "/opt/tavix/bin/../share/TavixComputerUseBridge/Info.plist"));
+  EXPECT_TRUE(infoPlistCandidates("").empty());
+
+  TemporaryDirectory root;
+  std::filesystem::create_directories(root / "bin");
+  const BundleInfoDictionary info(root / "bin/Bridge");
+  EXPECT_TRUE(info.read().empty());
+  writePropertyList(root / "share/Bridge/Info.plist", {{"CFBundleIdentifier", "installed"}},
+                    PropertyListFormat::xml);
+  EXPECT_EQ(bundleIdentifier(info.read()), "installed");
+  writePropertyList(root / "bin/Info.plist", {{"CFBundleIdentifier", " beside "}},
+                    PropertyListFormat::binary);
+  EXPECT_EQ(bundleIdentifier(info.read()), "beside");
+  EXPECT_EQ(bundleIdentifier({{"CFBundleIdentifier", "  "}}), std::nullopt);
+  EXPECT_EQ(bundleIdentifier({{"CFBundleIdentifier", int64_t{1}}}), std::nullopt);
+}
+
+TEST(MainBundle, UserDefaultsAreNamedAfterTheBundleInTheConfigurationDirectory) {
+  const auto environment = [](std::optional<std::string> xdg) -> EnvironmentLookup {
+    return [xdg](const char *name) -> std::optional<std::string> {
+      return std::string_view(name) == "XDG_CONFIG_HOME" ? xdg : std::nullopt;
+    };
+  };
+  EXPECT_EQ(userDefaultsPath("com.example.id", "Bridge", "/home/u", environment(std::nullopt)),
+            "/home/u/.config/com.example.id.plist");
+  EXPECT_EQ(userDefaultsPath(std::nullopt, "Bridge", "/home/u", environment("/xdg/")),
+            "/xdg/Bridge.plist");
+  // A relative setting is not a valid configuration directory.
+  EXPECT_EQ(userDefaultsPath(std::nullopt, "Bridge", "/home/u", environment("relative")),
+            "/home/u/.config/Bridge.plist");
+}
+
+} // namespace
+} // namespace tavix::test
