@@ -80,12 +80,18 @@ void BM_EncodeLogLine(benchmark::State &state) {
 }
 BENCHMARK(BM_EncodeLogLine);
 
+// A new directory under /tmp for one benchmark's files; empty when none could be made.
+std::string scratchDirectory() {
+  char directory[] = "/tmp/bench-micro-XXXXXX";
+  return mkdtemp(directory) != nullptr ? directory : "";
+}
+
 // One configuration read: the information dictionary is read from disk every time.
 void BM_ReadConfiguredBoolean(benchmark::State &state) {
-  char directory[] = "/tmp/bench-config-XXXXXX";
-  if (mkdtemp(directory) == nullptr)
+  const std::string directory = scratchDirectory();
+  if (directory.empty())
     return state.SkipWithError("mkdtemp failed");
-  const std::string path = std::string(directory) + "/Info.plist";
+  const std::string path = directory + "/Info.plist";
   std::ofstream(path) << R"(<?xml version="1.0" encoding="UTF-8"?>
 <plist version="1.0"><dict>
 <key>CFBundleIdentifier</key><string>com.tavix.computeruse.bridge</string>
@@ -101,10 +107,10 @@ BENCHMARK(BM_ReadConfiguredBoolean);
 
 // Compacting a 6 MiB log file of 120-byte lines down to its last 4 MiB.
 void BM_CompactLogFile(benchmark::State &state) {
-  char directory[] = "/tmp/bench-compact-XXXXXX";
-  if (mkdtemp(directory) == nullptr)
+  const std::string directory = scratchDirectory();
+  if (directory.empty())
     return state.SkipWithError("mkdtemp failed");
-  const std::string path = std::string(directory) + "/computer-use-runtime.log";
+  const std::string path = directory + "/computer-use-runtime.log";
   const std::string line = std::string(119, 'x') + "\n";
   std::string contents;
   while (contents.size() < (6u << 20))

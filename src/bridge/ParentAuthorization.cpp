@@ -1,5 +1,7 @@
 #include "bridge/ParentAuthorization.h"
 
+#include "support/MainBundle.h"
+
 #include <unistd.h>
 
 namespace tavix {
@@ -56,9 +58,11 @@ verifyParentProcessIfNeeded(const BundleIdentifiers &configuration, CodeSigningS
 }
 
 tl::expected<void, ParentAuthorizationError> verifyParentProcessIfNeeded() {
+  // One read of the information dictionary serves every key the check needs.
+  const BundleIdentifiers configuration(
+      std::make_shared<const PropertyListSnapshot>(mainBundleInfoDictionary()->read()));
   const auto signing = makeSystemCodeSigningServices();
-  return verifyParentProcessIfNeeded(BundleIdentifiers::main(), *signing,
-                                     static_cast<int32_t>(getppid()));
+  return verifyParentProcessIfNeeded(configuration, *signing, static_cast<int32_t>(getppid()));
 }
 
 } // namespace tavix

@@ -7,4 +7,7 @@ namespace tavix {
 // The full path of the running executable; empty when it cannot be found.
 std::string currentExecutablePath();
 
+// The file name of the running executable; empty when it cannot be found.
+std::string currentExecutableName();
+
 } // namespace tavix

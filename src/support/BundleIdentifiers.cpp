@@ -91,6 +91,29 @@ constexpr std::string_view certificateSHA256 = "TavixLockedUseCertificateSHA256"
 constexpr std::string_view enforceSenderAuthorization = "TavixComputerUseEnforceSenderAuthorization";
 } // namespace keys
 
+std::string bridgeID(const PropertyListDictionary &info) {
+  return configuredString(info, keys::bridge, "com.tavix.computeruse.bridge");
+}
+
+// Only the hex digits count, so separators such as colons or spaces may stand between.
+std::optional<std::string> certificateDigest(const PropertyListDictionary &info) {
+  const PropertyListValue *value = lookUp(info, keys::certificateSHA256);
+  const auto *text = value != nullptr ? value->get<std::string>() : nullptr;
+  if (text == nullptr)
+    return std::nullopt;
+  std::string digits;
+  for (char c : *text)
+    if (isHexDigit(c))
+      digits += c;
+  if (digits.size() != 64)
+    return std::nullopt;
+  return asciiLowercased(digits);
+}
+
+std::string teamID(const PropertyListDictionary &info) {
+  return configuredString(info, keys::teamIdentifier, BundleIdentifiers::defaultTeamIdentifier);
+}
+
 // The hosts and their helper processes (and, for command-line hosts, process names).
 std::set<std::string> builtInTrustedBundleIDs(std::string bridgeBundleID) {
   return {"com.tavix.app",
@@ -154,9 +177,7 @@ std::string BundleIdentifiers::computerUseRuntime() const {
   return configuredString(infoDictionary_->read(), keys::runtime, "com.tavix.computeruse");
 }
 
-std::string BundleIdentifiers::computerUseBridge() const {
-  return configuredString(infoDictionary_->read(), keys::bridge, "com.tavix.computeruse.bridge");
-}
+std::string BundleIdentifiers::computerUseBridge() const { return bridgeID(infoDictionary_->read()); }
 
 std::string BundleIdentifiers::lockedUseGuardian() const {
   return configuredString(infoDictionary_->read(), keys::guardian,
@@ -189,42 +210,27 @@ std::set<std::string> BundleIdentifiers::defaultTrustedBundleIDs() const {
 
 std::set<std::string> BundleIdentifiers::trustedBundleIDs() const {
   const PropertyListDictionary info = infoDictionary_->read();
-  return configuredStringSet(
-      info, keys::trustedBundleIDs,
-      builtInTrustedBundleIDs(configuredString(info, keys::bridge, "com.tavix.computeruse.bridge")));
+  return configuredStringSet(info, keys::trustedBundleIDs, builtInTrustedBundleIDs(bridgeID(info)));
 }
 
-std::string BundleIdentifiers::teamIdentifier() const {
-  return configuredString(infoDictionary_->read(), keys::teamIdentifier, defaultTeamIdentifier);
-}
+std::string BundleIdentifiers::teamIdentifier() const { return teamID(infoDictionary_->read()); }
 
 std::set<std::string> BundleIdentifiers::trustedTeamIdentifiers() const {
   const PropertyListDictionary info = infoDictionary_->read();
   return configuredStringSet(
       info, keys::trustedTeamIdentifiers,
-      {configuredString(info, keys::teamIdentifier, defaultTeamIdentifier), "K4ZQ7MR2XN",
-       "R8WJ3N6PLC", "M2HX9TQ4VE"});
+      {teamID(info), "K4ZQ7MR2XN", "R8WJ3N6PLC", "M2HX9TQ4VE"});
 }
 
 std::optional<std::string> BundleIdentifiers::lockedUseCertificateSHA256() const {
-  const PropertyListDictionary info = infoDictionary_->read();
-  const auto *text = lookUp(info, keys::certificateSHA256);
-  const auto *value = text != nullptr ? text->get<std::string>() : nullptr;
-  if (value == nullptr)
-    return std::nullopt;
-  std::string digits;
-  for (char c : *value)
-    if (isHexDigit(c))
-      digits += c;
-  if (digits.size() != 64)
-    return std::nullopt;
-  return asciiLowercased(digits);
+  return certificateDigest(infoDictionary_->read());
 }
 
 std::set<std::string> BundleIdentifiers::lockedUseTrustedTeamIdentifiers() const {
-  if (lockedUseCertificateSHA256())
+  const PropertyListDictionary info = infoDictionary_->read();
+  if (certificateDigest(info))
     return {};
-  return {teamIdentifier()};
+  return {teamID(info)};
 }
 
 bool BundleIdentifiers::senderAuthorizationEnforced() const {

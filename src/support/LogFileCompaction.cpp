@@ -48,12 +48,13 @@ std::optional<int64_t> sizeOf(int fd) {
   return static_cast<int64_t>(status.st_size);
 }
 
-// Each returns 0 or the errno of the failure; a transfer that ends early is EIO.
-int readFully(int fd, std::string &buffer, off_t offset) {
+// Moves all of `size` bytes at `offset` with `transfer` (pread or pwrite); returns 0 or
+// the errno of the failure, EIO for a transfer that ends early.
+template <typename Buffer, typename Transfer>
+int transferFully(int fd, Buffer *data, size_t size, off_t offset, Transfer transfer) {
   size_t done = 0;
-  while (done < buffer.size()) {
-    const ssize_t n = ::pread(fd, buffer.data() + done, buffer.size() - done,
-                              offset + static_cast<off_t>(done));
+  while (done < size) {
+    const ssize_t n = transfer(fd, data + done, size - done, offset + static_cast<off_t>(done));
     if (n < 0 && errno == EINTR)
       continue;
     if (n <= 0)
@@ -63,18 +64,12 @@ int readFully(int fd, std::string &buffer, off_t offset) {
   return 0;
 }
 
+int readFully(int fd, std::string &buffer, off_t offset) {
+  return transferFully(fd, buffer.data(), buffer.size(), offset, ::pread);
+}
+
 int writeFully(int fd, std::string_view bytes, off_t offset) {
-  size_t done = 0;
-  while (done < bytes.size()) {
-    const ssize_t n = ::pwrite(fd, bytes.data() + done, bytes.size() - done,
-                               offset + static_cast<off_t>(done));
-    if (n < 0 && errno == EINTR)
-      continue;
-    if (n <= 0)
-      return n < 0 ? errno : EIO;
-    done += static_cast<size_t>(n);
-  }
-  return 0;
+  return transferFully(fd, bytes.data(), bytes.size(), offset, ::pwrite);
 }
 
 // Rewrites the file as `tail` followed by `notice`. The kept text is written over the

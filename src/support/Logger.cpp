@@ -31,10 +31,7 @@ struct LoggerState {
   TavixComputerUseLogger::Sinks sinks = TavixComputerUseLogger::defaultSinks();
   std::map<std::string, std::shared_ptr<UnifiedLogHandle>, std::less<>> loggers;
   std::map<std::string, RateLimitState, std::less<>> rateLimitStates;
-  std::string processName = [] {
-    const std::string path = currentExecutablePath();
-    return path.substr(path.find_last_of('/') + 1);
-  }();
+  std::string processName = currentExecutableName();
 };
 
 // Never destroyed: threads may still log while the process exits.

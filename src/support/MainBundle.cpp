@@ -5,14 +5,15 @@
 #include "support/HomeDirectory.h"
 #include "support/Whitespace.h"
 
-#include <sys/stat.h>
+#include <filesystem>
+#include <system_error>
 
 namespace tavix {
 namespace {
 
 bool isRegularFile(const std::string &path) {
-  struct stat status {};
-  return ::stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode);
+  std::error_code ignored;
+  return std::filesystem::is_regular_file(path, ignored);
 }
 
 std::string_view fileName(std::string_view path) {
@@ -66,8 +67,8 @@ std::string userDefaultsPath(const std::optional<std::string> &bundleID,
 }
 
 std::string standardUserDefaultsPath() {
-  return userDefaultsPath(mainBundleIdentifier(), fileName(currentExecutablePath()),
-                          homeDirectory(), processEnvironment());
+  return userDefaultsPath(mainBundleIdentifier(), currentExecutableName(), homeDirectory(),
+                          processEnvironment());
 }
 
 } // namespace tavix

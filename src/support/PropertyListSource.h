@@ -26,4 +26,15 @@ private:
   std::string path_;
 };
 
+// A dictionary fixed when made: for a check that reads several keys and must see one
+// version of them.
+class PropertyListSnapshot final : public PropertyListSource {
+public:
+  explicit PropertyListSnapshot(PropertyListDictionary entries) : entries_(std::move(entries)) {}
+  PropertyListDictionary read() const override { return entries_; }
+
+private:
+  PropertyListDictionary entries_;
+};
+
 } // namespace tavix

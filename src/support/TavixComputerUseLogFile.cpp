@@ -1,6 +1,5 @@
 #include "support/TavixComputerUseLogFile.h"
 
-#include "support/HomeDirectory.h"
 #include "support/LogFileLocation.h"
 #include "support/Logger.h"
 #include "support/MainBundle.h"
@@ -15,10 +14,8 @@
 namespace tavix {
 
 void StderrRedirection::redirectIfNeeded() {
-  const std::string path = resolveLogFileURL(
-      options_.environment, options_.now(),
-      options_.bundleIdentifier ? options_.bundleIdentifier() : std::nullopt,
-      options_.homeDirectory ? options_.homeDirectory() : homeDirectory());
+  const std::string path = resolveLogFileURL(options_.environment, options_.now(),
+                                             options_.bundleIdentifier, options_.homeDirectory());
   std::lock_guard guard(lock_);
   // The file is rewritten in place, so a descriptor that points at it stays valid and
   // needs no reopening.
@@ -64,9 +61,9 @@ namespace {
 // Process-wide and never destroyed: the timer's thread may still run while the process
 // exits.
 StderrRedirection &processRedirection() {
-  static auto *redirection = new StderrRedirection(StderrRedirection::Options{
-      processEnvironment(), std::chrono::system_clock::now, mainBundleIdentifier,
-      homeDirectory, STDERR_FILENO, LogFileLimits{}});
+  // The bundle identifier is the program's own and does not change while it runs.
+  static auto *redirection =
+      new StderrRedirection(StderrRedirection::Options{.bundleIdentifier = mainBundleIdentifier()});
   return *redirection;
 }
 

@@ -4,6 +4,7 @@
 // the file from growing without bound.
 
 #include "platform/Environment.h"
+#include "support/HomeDirectory.h"
 #include "support/LogFileCompaction.h"
 
 #include <chrono>
@@ -20,10 +21,10 @@ public:
   struct Options {
     EnvironmentLookup environment = processEnvironment();
     std::function<std::chrono::system_clock::time_point()> now = std::chrono::system_clock::now;
-    std::function<std::optional<std::string>()> bundleIdentifier;
-    std::function<std::string()> homeDirectory;
+    std::optional<std::string> bundleIdentifier = {}; // picks the logs root of the CN host
+    std::function<std::string()> homeDirectory = tavix::homeDirectory;
     int targetDescriptor = 2;
-    LogFileLimits limits;
+    LogFileLimits limits = {};
   };
 
   explicit StderrRedirection(Options options) : options_(std::move(options)) {}

@@ -15,18 +15,8 @@ namespace {
 
 using ::testing::ElementsAre;
 
-// A fixed information dictionary.
-class FixedInformation final : public PropertyListSource {
-public:
-  explicit FixedInformation(PropertyListDictionary entries) : entries_(std::move(entries)) {}
-  PropertyListDictionary read() const override { return entries_; }
-
-private:
-  PropertyListDictionary entries_;
-};
-
 BundleIdentifiers configuration(PropertyListDictionary entries = {}) {
-  return BundleIdentifiers(std::make_shared<const FixedInformation>(std::move(entries)));
+  return BundleIdentifiers(std::make_shared<const PropertyListSnapshot>(std::move(entries)));
 }
 
 PropertyListDictionary signedBy(std::optional<PropertyListValue> team,

@@ -22,12 +22,13 @@ int main(int argc, char **argv) {
   const long compactEvery = std::stol(argv[4]);
   const LogFileLimits limits{std::stoll(argv[5]), std::stoll(argv[6])};
 
-  StderrRedirection redirection({[directory](const char *name) -> std::optional<std::string> {
-                                   if (std::string_view(name) == logDirectoryEnvironmentKey)
-                                     return directory;
-                                   return std::nullopt;
-                                 },
-                                 std::chrono::system_clock::now, nullptr, nullptr, 2, limits});
+  StderrRedirection redirection(
+      {.environment = [directory](const char *name) -> std::optional<std::string> {
+         if (std::string_view(name) == logDirectoryEnvironmentKey)
+           return directory;
+         return std::nullopt;
+       },
+       .limits = limits});
   redirection.redirectIfNeeded();
   const auto path = redirection.currentLogPath();
   if (!path)

@@ -27,21 +27,45 @@ using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 namespace fs = std::filesystem;
 
+// Counts the runs of a timer's job, so that a test can wait for some.
+class RunCounter {
+public:
+  void record() {
+    std::lock_guard guard(mutex_);
+    ++runs_;
+    ran_.notify_all();
+  }
+  int count() {
+    std::lock_guard guard(mutex_);
+    return runs_;
+  }
+  bool waitFor(int runs) {
+    std::unique_lock lock(mutex_);
+    return ran_.wait_for(lock, seconds(30), [&] { return runs_ >= runs; });
+  }
+
+private:
+  std::mutex mutex_;
+  std::condition_variable ran_;
+  int runs_ = 0;
+};
+
 class StderrRedirectionTest : public ::testing::Test {
 protected:
   void TearDown() override { ::close(target_); }
 
   StderrRedirection makeRedirection(LogFileLimits limits = {}) {
-    return StderrRedirection({[this](const char *name) -> std::optional<std::string> {
+    return StderrRedirection({.environment = [this](const char *name) -> std::optional<std::string> {
                                 std::lock_guard guard(environmentLock_);
                                 const auto found = environment_.find(name);
                                 if (found == environment_.end())
                                   return std::nullopt;
                                 return found->second;
                               },
-                              [] { return sys_days{2026y / March / 4} + 15h + 7min + 9s; },
-                              [] { return std::optional<std::string>(); },
-                              [this] { return home_.path(); }, target_, limits});
+                              .now = [] { return sys_days{2026y / March / 4} + 15h + 7min + 9s; },
+                              .homeDirectory = [this] { return home_.path(); },
+                              .targetDescriptor = target_,
+                              .limits = limits});
   }
   void setVariable(const std::string &name, const std::string &value) {
     std::lock_guard guard(environmentLock_);
@@ -140,20 +164,14 @@ TEST_F(StderrRedirectionTest, TheRefreshTimerMovesTheDescriptorWithoutBeingAsked
   redirection.redirectIfNeeded();
   ASSERT_EQ(targetPath(), sessionLog("20260101T000000"));
 
-  std::mutex mutex;
-  std::condition_variable ran;
-  int runs = 0;
+  RunCounter runs;
   RepeatingTimer timer(milliseconds(5), [&] {
     redirection.redirectIfNeeded();
-    std::lock_guard guard(mutex);
-    ++runs;
-    ran.notify_all();
+    runs.record();
   });
   writeFile(home_ / ".config/Tavix/logs/20260102T000000/sharedprocess.log", "");
-  std::unique_lock lock(mutex);
-  const int before = runs;
   // Two runs after the new session appeared: the later one certainly saw it.
-  ASSERT_TRUE(ran.wait_for(lock, seconds(30), [&] { return runs >= before + 2; }));
+  ASSERT_TRUE(runs.waitFor(runs.count() + 2));
   EXPECT_EQ(targetPath(), sessionLog("20260102T000000"));
 }
 
@@ -191,21 +209,14 @@ TEST_F(StderrRedirectionTest, AnOversizedFileIsCompactedBeforeTheDescriptorMoves
 }
 
 TEST(RepeatingTimer, FiresRepeatedlyAndStopsAtOnceWhenDestroyed) {
-  std::mutex mutex;
-  std::condition_variable fired;
-  int count = 0;
+  RunCounter runs;
   {
-    RepeatingTimer timer(milliseconds(1), [&] {
-      std::lock_guard guard(mutex);
-      ++count;
-      fired.notify_all();
-    });
-    std::unique_lock lock(mutex);
-    ASSERT_TRUE(fired.wait_for(lock, seconds(30), [&] { return count >= 3; }));
+    RepeatingTimer timer(milliseconds(1), [&] { runs.record(); });
+    ASSERT_TRUE(runs.waitFor(3));
   }
   // A timer an hour from firing is destroyed without waiting for it (were it to wait,
   // the test would run into its time limit).
-  { RepeatingTimer idle(hours(1), [&] { ++count; }); }
+  { RepeatingTimer idle(hours(1), [&] { runs.record(); }); }
 }
 
 } // namespace

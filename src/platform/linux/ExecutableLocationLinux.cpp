@@ -13,4 +13,9 @@ std::string currentExecutablePath() {
   return std::string(buffer.data(), static_cast<size_t>(length));
 }
 
+std::string currentExecutableName() {
+  const std::string path = currentExecutablePath();
+  return path.substr(path.find_last_of('/') + 1);
+}
+
 } // namespace tavix

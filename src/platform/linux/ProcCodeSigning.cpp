@@ -22,11 +22,15 @@ struct ExecutableFile final : CodeSigningServices::Code {
   std::string path;
 };
 
+bool processExists(int32_t pid) {
+  struct stat status {};
+  return pid > 0 && ::stat(("/proc/" + std::to_string(pid)).c_str(), &status) == 0;
+}
+
 class ProcCodeSigning final : public CodeSigningServices {
 public:
   CodeResult guestCode(int32_t pid) override {
-    struct stat status {};
-    if (pid <= 0 || ::stat(("/proc/" + std::to_string(pid)).c_str(), &status) != 0)
+    if (!processExists(pid))
       return {codeSigningNoSuchCodeStatus, nullptr};
     return {0, std::make_shared<const RunningProcess>(pid)};
   }
@@ -40,10 +44,8 @@ public:
     const ssize_t length = ::readlink(link.c_str(), buffer.data(), buffer.size() - 1);
     if (length <= 0) {
       // Gone since it was found, or not ours to inspect.
-      struct stat status {};
-      return {::stat(("/proc/" + std::to_string(process->pid)).c_str(), &status) == 0
-                  ? codeSigningStaticCodeNotFoundStatus
-                  : codeSigningNoSuchCodeStatus,
+      return {processExists(process->pid) ? codeSigningStaticCodeNotFoundStatus
+                                          : codeSigningNoSuchCodeStatus,
               nullptr};
     }
     return {0, std::make_shared<const ExecutableFile>(
