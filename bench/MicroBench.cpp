@@ -4,9 +4,9 @@
 #include "mcp/ComputerUseMCPServer.h"
 #include "mcp/StdioMessageReader.h"
 #include "mcp/StdioMessageWriter.h"
-#include "support/BundleIdentifiers.h"
-#include "support/LogFileCompaction.h"
-#include "support/LogLineEncoder.h"
+#include "config/BundleIdentifiers.h"
+#include "logging/LogFileCompaction.h"
+#include "logging/LogLineEncoder.h"
 
 #include <benchmark/benchmark.h>
 

@@ -1,7 +1,7 @@
 // Encodes arbitrary bytes as a log value and checks the invariants a log reader relies
 // on: one line, bounded length, valid UTF-8 whenever the input was.
 
-#include "support/LogLineEncoder.h"
+#include "logging/LogLineEncoder.h"
 
 #include <cstdint>
 #include <cstdlib>

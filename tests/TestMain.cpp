@@ -1,7 +1,7 @@
 // The test binary's entry: the process is set up as the bridge sets itself up, and log
 // lines that a test does not capture are dropped instead of cluttering the output.
 
-#include "support/Logger.h"
+#include "logging/Logger.h"
 
 #include <gtest/gtest.h>
 

@@ -1,6 +1,6 @@
 #include "bridge/ParentAuthorization.h"
 
-#include "support/MainBundle.h"
+#include "config/MainBundle.h"
 
 #include <unistd.h>
 

@@ -3,7 +3,7 @@
 // signature names a trusted team and a trusted bundle identifier.
 
 #include "platform/CodeSigning.h"
-#include "support/BundleIdentifiers.h"
+#include "config/BundleIdentifiers.h"
 
 #include <tl/expected.hpp>
 

@@ -5,8 +5,8 @@
 #include "bridge/TerminationSignals.h"
 #include "mcp/ComputerUseMCPServer.h"
 #include "platform/UnifiedLog.h"
-#include "support/Logger.h"
-#include "support/TavixComputerUseLogFile.h"
+#include "logging/Logger.h"
+#include "logging/TavixComputerUseLogFile.h"
 
 #include <csignal>
 #include <exception>

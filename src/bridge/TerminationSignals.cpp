@@ -1,6 +1,6 @@
 #include "bridge/TerminationSignals.h"
 
-#include "support/Logger.h"
+#include "logging/Logger.h"
 
 #include <csignal>
 #include <memory>

@@ -2,7 +2,7 @@
 
 #include "gateway/ToolCatalogue.h"
 #include "mcp/StdioTransport.h"
-#include "support/Logger.h"
+#include "logging/Logger.h"
 
 #include <unistd.h>
 

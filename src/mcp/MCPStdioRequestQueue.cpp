@@ -1,6 +1,6 @@
 #include "mcp/MCPStdioRequestQueue.h"
 
-#include "support/Logger.h"
+#include "logging/Logger.h"
 #include "support/Uuid.h"
 
 #include <algorithm>

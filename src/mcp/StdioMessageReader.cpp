@@ -1,6 +1,6 @@
 #include "mcp/StdioMessageReader.h"
 
-#include "support/Logger.h"
+#include "logging/Logger.h"
 #include "support/UserPerceivedText.h"
 
 #include <cerrno>

@@ -1,6 +1,6 @@
 #include "mcp/StdioMessageWriter.h"
 
-#include "support/Logger.h"
+#include "logging/Logger.h"
 
 #include <cerrno>
 #include <fcntl.h>

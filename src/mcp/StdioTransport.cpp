@@ -3,7 +3,7 @@
 #include "mcp/MCPStdioOutputQueue.h"
 #include "mcp/MCPStdioRequestQueue.h"
 #include "mcp/StdioMessageReader.h"
-#include "support/Logger.h"
+#include "logging/Logger.h"
 #include "support/RequestContext.h"
 
 #include <atomic>

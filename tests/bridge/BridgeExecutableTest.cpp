@@ -1,8 +1,8 @@
 // Drives the real bridge executable over pipes, as a host does.
 
-#include "support/ChildProcess.h"
-#include "support/PropertyListWriter.h"
-#include "support/TemporaryDirectory.h"
+#include "testing/ChildProcess.h"
+#include "testing/PropertyListWriter.h"
+#include "testing/TemporaryDirectory.h"
 
 #include <gtest/gtest.h>
 

@@ -4,7 +4,7 @@
 
 #include "fakes/ReleaseGate.h"
 #include "mcp/MCPToolDispatcher.h"
-#include "support/Logger.h"
+#include "logging/Logger.h"
 #include "support/RequestContext.h"
 
 namespace tavix::test {

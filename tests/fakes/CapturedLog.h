@@ -3,7 +3,7 @@
 // unified-log lines to the given log (none by default).
 
 #include "platform/UnifiedLog.h"
-#include "support/Logger.h"
+#include "logging/Logger.h"
 
 #include <algorithm>
 #include <mutex>

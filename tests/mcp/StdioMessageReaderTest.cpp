@@ -1,6 +1,6 @@
 #include "mcp/StdioMessageReader.h"
 
-#include "support/Pipe.h"
+#include "testing/Pipe.h"
 
 #include <gtest/gtest.h>
 

@@ -1,7 +1,7 @@
 #include "mcp/StdioMessageWriter.h"
 
 #include "fakes/CapturedLog.h"
-#include "support/Pipe.h"
+#include "testing/Pipe.h"
 
 #include <gtest/gtest.h>
 

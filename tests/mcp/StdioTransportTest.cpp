@@ -5,7 +5,7 @@
 #include "fakes/CapturedLog.h"
 #include "mcp/ComputerUseMCPServer.h"
 #include "mcp/StdioTransport.h"
-#include "support/Pipe.h"
+#include "testing/Pipe.h"
 
 #include <gtest/gtest.h>
 

@@ -1,7 +1,7 @@
-#include "support/LogFileLocation.h"
+#include "logging/LogFileLocation.h"
 
 #include "platform/UserDirectories.h"
-#include "support/Logger.h"
+#include "logging/Logger.h"
 #include "support/Whitespace.h"
 
 #include <algorithm>

@@ -1,4 +1,4 @@
-#include "support/LogLineEncoder.h"
+#include "logging/LogLineEncoder.h"
 
 #include "support/HomeDirectory.h"
 #include "support/UserPerceivedText.h"

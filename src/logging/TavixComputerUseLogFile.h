@@ -5,7 +5,7 @@
 
 #include "platform/Environment.h"
 #include "support/HomeDirectory.h"
-#include "support/LogFileCompaction.h"
+#include "logging/LogFileCompaction.h"
 
 #include <chrono>
 #include <functional>

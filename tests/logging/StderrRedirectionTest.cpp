@@ -2,12 +2,12 @@
 // temporary home directories: placement, following the host to a newer session,
 // failures, and the refresh timer.
 
-#include "support/TavixComputerUseLogFile.h"
+#include "logging/TavixComputerUseLogFile.h"
 
 #include "fakes/CapturedLog.h"
 #include "fakes/FakeUnifiedLog.h"
-#include "support/RepeatingTimer.h"
-#include "support/TemporaryDirectory.h"
+#include "logging/RepeatingTimer.h"
+#include "testing/TemporaryDirectory.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

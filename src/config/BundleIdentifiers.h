@@ -4,7 +4,7 @@
 // Each value comes from a key of the information dictionary, with a built-in default;
 // the dictionary is read at every access, so nothing is cached.
 
-#include "support/PropertyListSource.h"
+#include "config/PropertyListSource.h"
 
 #include <memory>
 #include <optional>

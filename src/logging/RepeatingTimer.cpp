@@ -1,4 +1,4 @@
-#include "support/RepeatingTimer.h"
+#include "logging/RepeatingTimer.h"
 
 namespace tavix {
 

@@ -2,7 +2,7 @@
 // A user-defaults store: per-user settings kept as a dictionary, read afresh at every
 // access.
 
-#include "support/PropertyListSource.h"
+#include "config/PropertyListSource.h"
 
 #include <memory>
 #include <optional>

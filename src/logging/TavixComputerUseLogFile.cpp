@@ -1,9 +1,9 @@
-#include "support/TavixComputerUseLogFile.h"
+#include "logging/TavixComputerUseLogFile.h"
 
-#include "support/LogFileLocation.h"
-#include "support/Logger.h"
-#include "support/MainBundle.h"
-#include "support/RepeatingTimer.h"
+#include "logging/LogFileLocation.h"
+#include "logging/Logger.h"
+#include "config/MainBundle.h"
+#include "logging/RepeatingTimer.h"
 
 #include <cerrno>
 #include <cstdio>

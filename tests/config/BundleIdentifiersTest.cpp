@@ -1,9 +1,9 @@
 // Configuration read from information dictionaries written by the test, in both file
 // formats: every reading rule, its fall-backs, and that nothing is cached.
 
-#include "support/BundleIdentifiers.h"
-#include "support/PropertyListWriter.h"
-#include "support/TemporaryDirectory.h"
+#include "config/BundleIdentifiers.h"
+#include "testing/PropertyListWriter.h"
+#include "testing/TemporaryDirectory.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

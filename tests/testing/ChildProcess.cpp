@@ -1,6 +1,6 @@
-#include "support/ChildProcess.h"
+#include "testing/ChildProcess.h"
 
-#include "support/Pipe.h"
+#include "testing/Pipe.h"
 
 #include <algorithm>
 #include <cerrno>

@@ -1,5 +1,5 @@
-#include "support/LogLineEncoder.h"
-#include "support/ScopedTimeZone.h"
+#include "logging/LogLineEncoder.h"
+#include "testing/ScopedTimeZone.h"
 
 #include <gtest/gtest.h>
 

@@ -1,6 +1,6 @@
-#include "support/BundleIdentifiers.h"
+#include "config/BundleIdentifiers.h"
 
-#include "support/MainBundle.h"
+#include "config/MainBundle.h"
 #include "support/Whitespace.h"
 
 namespace tavix {

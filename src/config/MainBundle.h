@@ -4,7 +4,7 @@
 // ../share/<executable name>/ in an installed layout.
 
 #include "platform/Environment.h"
-#include "support/PropertyListSource.h"
+#include "config/PropertyListSource.h"
 
 #include <memory>
 #include <optional>

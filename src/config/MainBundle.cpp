@@ -1,4 +1,4 @@
-#include "support/MainBundle.h"
+#include "config/MainBundle.h"
 
 #include "platform/ExecutableLocation.h"
 #include "platform/UserDirectories.h"

@@ -4,10 +4,10 @@
 //
 //   tavix_log_writer <log directory> <writer name> <lines> <compact every> <max bytes> <kept bytes>
 
-#include "support/LogFileCompaction.h"
-#include "support/LogFileLocation.h"
-#include "support/Logger.h"
-#include "support/TavixComputerUseLogFile.h"
+#include "logging/LogFileCompaction.h"
+#include "logging/LogFileLocation.h"
+#include "logging/Logger.h"
+#include "logging/TavixComputerUseLogFile.h"
 
 #include <string>
 #include <thread>

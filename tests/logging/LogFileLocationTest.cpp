@@ -1,12 +1,12 @@
 // Choosing the log file: explicit directories, the host's session directories, and
 // directories made when none exists, in temporary directories.
 
-#include "support/LogFileLocation.h"
+#include "logging/LogFileLocation.h"
 
 #include "fakes/CapturedLog.h"
 #include "fakes/FakeUnifiedLog.h"
-#include "support/ScopedTimeZone.h"
-#include "support/TemporaryDirectory.h"
+#include "testing/ScopedTimeZone.h"
+#include "testing/TemporaryDirectory.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

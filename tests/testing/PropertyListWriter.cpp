@@ -1,6 +1,6 @@
-#include "support/PropertyListWriter.h"
+#include "testing/PropertyListWriter.h"
 
-#include "support/TemporaryDirectory.h"
+#include "testing/TemporaryDirectory.h"
 
 #include <plist/plist.h>
 

@@ -2,7 +2,7 @@
 // Switches read from the user defaults, for behaviour that a user or a test may turn on
 // or off without a new build.
 
-#include "support/UserDefaults.h"
+#include "config/UserDefaults.h"
 
 #include <memory>
 #include <optional>

@@ -1,8 +1,8 @@
 #pragma once
 // Turns one log call into one line of `key=value` text.
 
-#include "support/LogLevel.h"
-#include "support/LogValue.h"
+#include "logging/LogLevel.h"
+#include "logging/LogValue.h"
 
 #include <chrono>
 #include <string>

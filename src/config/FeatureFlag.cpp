@@ -1,4 +1,4 @@
-#include "support/FeatureFlag.h"
+#include "config/FeatureFlag.h"
 
 namespace tavix {
 

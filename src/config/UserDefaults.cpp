@@ -1,6 +1,6 @@
-#include "support/UserDefaults.h"
+#include "config/UserDefaults.h"
 
-#include "support/MainBundle.h"
+#include "config/MainBundle.h"
 #include "support/Whitespace.h"
 
 #include <array>

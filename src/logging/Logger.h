@@ -2,8 +2,8 @@
 // The process-wide structured logger: one `key=value` line per event, written to
 // standard error and mirrored into the system's unified log.
 
-#include "support/LogLevel.h"
-#include "support/LogValue.h"
+#include "logging/LogLevel.h"
+#include "logging/LogValue.h"
 
 #include <chrono>
 #include <functional>

@@ -1,6 +1,6 @@
-#include "support/LogFileCompaction.h"
+#include "logging/LogFileCompaction.h"
 
-#include "support/Logger.h"
+#include "logging/Logger.h"
 
 #include <cerrno>
 #include <fcntl.h>

@@ -1,7 +1,7 @@
-#include "support/Logger.h"
+#include "logging/Logger.h"
 
 #include "fakes/FakeUnifiedLog.h"
-#include "support/LogLineEncoder.h"
+#include "logging/LogLineEncoder.h"
 #include "support/RequestContext.h"
 
 #include <gtest/gtest.h>

@@ -1,11 +1,11 @@
 // Compaction of a log file: what is kept, the closing notice, and several processes
 // writing and compacting one file at once.
 
-#include "support/LogFileCompaction.h"
+#include "logging/LogFileCompaction.h"
 
 #include "fakes/CapturedLog.h"
-#include "support/ChildProcess.h"
-#include "support/TemporaryDirectory.h"
+#include "testing/ChildProcess.h"
+#include "testing/TemporaryDirectory.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

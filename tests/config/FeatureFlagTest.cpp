@@ -1,10 +1,10 @@
 // Feature flags over user-defaults files written by the test, and where the program's
 // own information dictionary and user defaults are looked for.
 
-#include "support/FeatureFlag.h"
-#include "support/MainBundle.h"
-#include "support/PropertyListWriter.h"
-#include "support/TemporaryDirectory.h"
+#include "config/FeatureFlag.h"
+#include "config/MainBundle.h"
+#include "testing/PropertyListWriter.h"
+#include "testing/TemporaryDirectory.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -1,9 +1,9 @@
-#include "support/Logger.h"
+#include "logging/Logger.h"
 
 #include "platform/ExecutableLocation.h"
 #include "platform/UnifiedLog.h"
 #include "support/HomeDirectory.h"
-#include "support/LogLineEncoder.h"
+#include "logging/LogLineEncoder.h"
 #include "support/RequestContext.h"
 #include "support/Whitespace.h"
 

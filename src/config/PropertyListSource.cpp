@@ -1,4 +1,4 @@
-#include "support/PropertyListSource.h"
+#include "config/PropertyListSource.h"
 
 #include "platform/PropertyListFile.h"
 
