@@ -1,16 +1,16 @@
 #include "bridge/TavixComputerUseBridgeMain.h"
 
-#include "bridge/BridgeMode.h"
+#include "bridge/ModeWords.h"
 #include "bridge/ParentAuthorization.h"
 #include "bridge/TerminationSignals.h"
 #include "mcp/ComputerUseMCPServer.h"
 #include "platform/UnifiedLog.h"
+#include "support/FileName.h"
 #include "logging/Logger.h"
 #include "logging/TavixComputerUseLogFile.h"
 
 #include <csignal>
 #include <exception>
-#include <thread>
 
 namespace tavix {
 namespace {
@@ -18,26 +18,21 @@ namespace {
 // How often the log file is checked against the host's newest log session.
 constexpr double logFileRefreshIntervalSeconds = 60.0;
 
-int serveMCP(BridgeMode mode) {
-  ComputerUseMCPServer server(mode == BridgeMode::computerUse
-                                  ? ComputerUseMCPServer::Mode::computerUse
-                                  : ComputerUseMCPServer::Mode::recordReplay);
+// Serves on the main thread; the signal handler thread cancels it through `cancellation`.
+int serveMCP(MCPServerMode mode) {
+  ComputerUseMCPServer server(mode);
   std::stop_source cancellation;
-  bool failed = false;
-  std::thread task([&] {
-    try {
-      server.start(MCPTransport::stdio(), cancellation.get_token());
-    } catch (const std::exception &) {
-      failed = true;
-    }
-  });
   installTerminationSignalHandlers([cancellation]() mutable { cancellation.request_stop(); });
-  task.join();
-  if (!failed || cancellation.stop_requested())
+  try {
+    server.start(MCPTransport::stdio(), cancellation.get_token());
     return 0;
+  } catch (const std::exception &) {
+    if (cancellation.stop_requested())
+      return 0;
+  }
   Log::error(LogCategory::lifecycle,
-             mode == BridgeMode::computerUse ? "mcp_server_start_failed"
-                                             : "record_replay_mcp_server_start_failed",
+             mode == MCPServerMode::computerUse ? "mcp_server_start_failed"
+                                                : "record_replay_mcp_server_start_failed",
              {{"error", LogError{"std::exception", "tavix.bridge", 1}}});
   return 1;
 }
@@ -45,10 +40,9 @@ int serveMCP(BridgeMode mode) {
 } // namespace
 
 void TavixComputerUseBridgeMain::printUsage(const std::vector<std::string> &arguments) {
-  std::string executable = "TavixComputerUseBridge";
-  if (!arguments.empty())
-    executable = arguments.front().substr(arguments.front().find_last_of('/') + 1);
-  Log::error(LogCategory::lifecycle, "invalid_command", {{"executable", executable}});
+  const std::string_view executable =
+      arguments.empty() ? "TavixComputerUseBridge" : fileName(arguments.front());
+  Log::error(LogCategory::lifecycle, "invalid_command", {{"executable", std::string(executable)}});
 }
 
 int TavixComputerUseBridgeMain::main(const std::vector<std::string> &arguments) {

@@ -12,13 +12,7 @@ const PropertyListValue *lookUp(const PropertyListDictionary &info, std::string_
 }
 
 std::optional<std::string> trimmedText(const PropertyListValue *value) {
-  const auto *text = value != nullptr ? value->get<std::string>() : nullptr;
-  if (text == nullptr)
-    return std::nullopt;
-  const std::string_view trimmed = trimmedWhitespaceAndNewlines(*text);
-  if (trimmed.empty())
-    return std::nullopt;
-  return std::string(trimmed);
+  return trimmedNonEmpty(value != nullptr ? value->get<std::string>() : nullptr);
 }
 
 std::string configuredString(const PropertyListDictionary &info, std::string_view key,

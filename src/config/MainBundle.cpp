@@ -2,6 +2,7 @@
 
 #include "platform/ExecutableLocation.h"
 #include "platform/UserDirectories.h"
+#include "support/FileName.h"
 #include "support/HomeDirectory.h"
 #include "support/Whitespace.h"
 
@@ -14,10 +15,6 @@ namespace {
 bool isRegularFile(const std::string &path) {
   std::error_code ignored;
   return std::filesystem::is_regular_file(path, ignored);
-}
-
-std::string_view fileName(std::string_view path) {
-  return path.substr(path.find_last_of('/') + 1);
 }
 
 } // namespace
@@ -49,10 +46,7 @@ std::optional<std::string> bundleIdentifier(const PropertyListDictionary &info) 
   const auto found = info.find(bundleIdentifierKey);
   if (found == info.end())
     return std::nullopt;
-  const auto *text = found->second.get<std::string>();
-  if (text == nullptr || trimmedWhitespaceAndNewlines(*text).empty())
-    return std::nullopt;
-  return std::string(trimmedWhitespaceAndNewlines(*text));
+  return trimmedNonEmpty(found->second.get<std::string>());
 }
 
 std::optional<std::string> mainBundleIdentifier() {

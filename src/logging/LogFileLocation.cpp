@@ -18,12 +18,7 @@ namespace fs = std::filesystem;
 std::optional<std::string> trimmedVariable(const EnvironmentLookup &environment,
                                            const char *name) {
   const auto value = environment(name);
-  if (!value)
-    return std::nullopt;
-  const std::string_view trimmed = trimmedWhitespaceAndNewlines(*value);
-  if (trimmed.empty())
-    return std::nullopt;
-  return std::string(trimmed);
+  return trimmedNonEmpty(value ? &*value : nullptr);
 }
 
 bool isDigits(std::string_view text) {

@@ -2,6 +2,7 @@
 
 #include "logging/Logger.h"
 #include "support/UserPerceivedText.h"
+#include "support/Whitespace.h"
 
 #include <cerrno>
 #include <algorithm>
@@ -13,7 +14,7 @@
 namespace tavix {
 namespace {
 
-std::string_view trimmed(std::string_view text) {
+std::string_view trimmedSpacesAndTabs(std::string_view text) {
   const size_t first = text.find_first_not_of(" \t");
   if (first == std::string_view::npos)
     return {};
@@ -42,13 +43,9 @@ std::optional<size_t> parseContentLengthHeader(std::string_view header) {
     const size_t colon = line.find(':');
     if (line.empty() || colon == std::string_view::npos)
       continue;
-    std::string name(trimmed(line.substr(0, colon)));
-    for (char &c : name)
-      if (c >= 'A' && c <= 'Z')
-        c = static_cast<char>(c - 'A' + 'a');
-    if (name == "content-length") {
+    if (asciiLowercased(trimmedSpacesAndTabs(line.substr(0, colon))) == "content-length") {
       sawHeader = true;
-      length = parseLength(trimmed(line.substr(colon + 1)));
+      length = parseLength(trimmedSpacesAndTabs(line.substr(colon + 1)));
     }
   }
   return sawHeader ? length : std::nullopt;

@@ -53,6 +53,15 @@ std::string_view trimmedWhitespaceAndNewlines(std::string_view text) {
   return text.substr(0, end);
 }
 
+std::optional<std::string> trimmedNonEmpty(const std::string *text) {
+  if (text == nullptr)
+    return std::nullopt;
+  const std::string_view trimmed = trimmedWhitespaceAndNewlines(*text);
+  if (trimmed.empty())
+    return std::nullopt;
+  return std::string(trimmed);
+}
+
 std::string asciiLowercased(std::string_view text) {
   std::string result(text);
   for (char &c : result)

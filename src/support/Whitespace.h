@@ -3,6 +3,7 @@
 // trimming configuration values and deciding when a log value needs quotes.
 
 #include <cstddef>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -16,6 +17,10 @@ bool containsWhitespace(std::string_view text);
 
 // `text` without the white space and line breaks at either end.
 std::string_view trimmedWhitespaceAndNewlines(std::string_view text);
+
+// `text` without the white space at either end, or nothing when it is missing or holds
+// only white space: how configuration texts and environment variables are read.
+std::optional<std::string> trimmedNonEmpty(const std::string *text);
 
 // ASCII letters lower-cased; every other byte kept.
 std::string asciiLowercased(std::string_view text);

@@ -58,9 +58,8 @@ class JournaldUnifiedLog final : public UnifiedLog {
 public:
   std::unique_ptr<UnifiedLogHandle> makeHandle(std::string_view subsystem,
                                                std::string_view category) override {
-    const std::string path = currentExecutablePath();
-    const std::string name = path.substr(path.find_last_of('/') + 1);
-    return std::make_unique<JournaldHandle>(std::string(subsystem), std::string(category), name);
+    return std::make_unique<JournaldHandle>(std::string(subsystem), std::string(category),
+                                            currentExecutableName());
   }
 };
 

@@ -1,4 +1,7 @@
 #pragma once
+// The words after the program name choose what the bridge serves.
+
+#include "gateway/MCPServerMode.h"
 
 #include <optional>
 #include <string>
@@ -6,11 +9,8 @@
 
 namespace tavix {
 
-// What the bridge runs, chosen by the words after the program name.
-enum class BridgeMode { computerUse, recordReplay };
-
 // "mcp" or "event-stream" "mcp", compared exactly as a whole list; anything else
 // (extra words included) is no mode.
-std::optional<BridgeMode> parseBridgeMode(const std::vector<std::string> &modeWords);
+std::optional<MCPServerMode> parseBridgeMode(const std::vector<std::string> &modeWords);
 
 } // namespace tavix
