@@ -1,6 +1,8 @@
 // Micro-benchmarks of the per-message work: reading a framed message, turning it into a
 // request, answering it and encoding a log line.
 
+#include "fakes/FakeMessageTransport.h"
+#include "gateway/MCPToolGateway.h"
 #include "mcp/ComputerUseMCPServer.h"
 #include "mcp/StdioMessageReader.h"
 #include "mcp/StdioMessageWriter.h"
@@ -21,22 +23,27 @@ namespace tavix {
 namespace {
 
 void BM_PingIntake(benchmark::State &state) {
-  ComputerUseMCPServer server(ComputerUseMCPServer::Mode::computerUse);
+  test::FakeMessageTransport transport;
+  JSONRPCDispatcher dispatcher(transport, {});
   const std::string message = R"({"jsonrpc":"2.0","id":12345,"method":"ping"})";
   for (auto _ : state) {
-    auto request = JSONRPCRequest::from(nlohmann::json::parse(message, nullptr, false));
-    auto response = server.handleRequest(*request);
-    benchmark::DoNotOptimize(serializeResponse(*response, FramingMode::newlineDelimited));
+    dispatcher.onMessage(message);
+    benchmark::DoNotOptimize(transport.takeSent());
   }
 }
 BENCHMARK(BM_PingIntake);
 
 void BM_ToolsListResponse(benchmark::State &state) {
-  ComputerUseMCPServer server(ComputerUseMCPServer::Mode::computerUse);
+  ComputerUseMCPServer server(ComputerUseMCPServer::Mode::computerUse,
+                              std::make_shared<MCPToolGateway>(MCPServerMode::computerUse));
+  const auto toolsList = server.methods().at("tools/list");
+  test::FakeMessageTransport transport;
+  const auto channel = std::make_shared<JSONRPCResponseChannel>(transport);
   const JSONRPCRequest request{"2.0", JSONRPCId(1), "tools/list", std::nullopt};
-  for (auto _ : state)
-    benchmark::DoNotOptimize(
-        serializeResponse(*server.handleRequest(request), FramingMode::contentLength));
+  for (auto _ : state) {
+    toolsList(request, JSONRPCReply(request.id, request.method, channel));
+    benchmark::DoNotOptimize(transport.takeSent());
+  }
 }
 BENCHMARK(BM_ToolsListResponse);
 

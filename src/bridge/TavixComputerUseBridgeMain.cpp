@@ -3,6 +3,7 @@
 #include "bridge/ModeWords.h"
 #include "bridge/ParentAuthorization.h"
 #include "bridge/TerminationSignals.h"
+#include "gateway/MCPToolGateway.h"
 #include "mcp/ComputerUseMCPServer.h"
 #include "platform/UnifiedLog.h"
 #include "support/FileName.h"
@@ -20,7 +21,7 @@ constexpr double logFileRefreshIntervalSeconds = 60.0;
 
 // Serves on the main thread; the signal handler thread cancels it through `cancellation`.
 int serveMCP(MCPServerMode mode) {
-  ComputerUseMCPServer server(mode);
+  ComputerUseMCPServer server(mode, std::make_shared<MCPToolGateway>(mode));
   std::stop_source cancellation;
   installTerminationSignalHandlers([cancellation]() mutable { cancellation.request_stop(); });
   try {

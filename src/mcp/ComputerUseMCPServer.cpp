@@ -1,74 +1,55 @@
 #include "mcp/ComputerUseMCPServer.h"
 
-#include "gateway/ToolCatalogue.h"
-#include "mcp/StdioTransport.h"
 #include "logging/Logger.h"
+#include "mcp/StdioTransport.h"
 
 #include <unistd.h>
 
 namespace tavix {
-namespace {
 
-constexpr std::string_view toolDispatchUnavailableMessage =
-    "Internal error: tool dispatch is not available in this build of the bridge.";
-
-} // namespace
-
-ComputerUseMCPServer::ComputerUseMCPServer(Mode mode, std::shared_ptr<MCPToolDispatcher> tools)
+ComputerUseMCPServer::ComputerUseMCPServer(Mode mode, std::shared_ptr<MCPTools> tools)
     : mode_(mode), tools_(std::move(tools)) {}
 
 std::string_view ComputerUseMCPServer::serverName() const {
   return mode_ == Mode::computerUse ? "computer-use" : "record-and-replay";
 }
 
-std::optional<nlohmann::json> ComputerUseMCPServer::handleRequest(const JSONRPCRequest &request) {
-  const std::string &method = request.method;
-  if (method == "initialize")
-    return handleInitialize(request);
-  if (method == "notifications/initialized")
-    return std::nullopt;
-  if (method == "tools/list")
-    return handleToolsList(request);
-  if (method == "tools/call")
-    return handleToolsCall(request);
-  if (method == "ping")
-    return buildSuccessResponse(request.id, nlohmann::json::object());
-  return buildErrorResponse(request.id, JSONRPCError::methodNotFoundCode,
-                            std::string(JSONRPCError::methodNotFoundPrefix) + method);
+JSONRPCDispatcher::MethodTable ComputerUseMCPServer::methods() {
+  return {
+      {"initialize",
+       [this](const JSONRPCRequest &, JSONRPCReply reply) { reply(handleInitialize()); }},
+      // Answered with silence: the reply of a notification sends nothing.
+      {"notifications/initialized", [](const JSONRPCRequest &, JSONRPCReply) {}},
+      {"tools/list",
+       [this](const JSONRPCRequest &, JSONRPCReply reply) {
+         reply({{"tools", tools_->list()}});
+       }},
+      {"tools/call",
+       [this](const JSONRPCRequest &request, JSONRPCReply reply) {
+         handleToolsCall(request, std::move(reply));
+       }},
+  };
 }
 
-nlohmann::json ComputerUseMCPServer::handleInitialize(const JSONRPCRequest &request) const {
+nlohmann::json ComputerUseMCPServer::handleInitialize() const {
   // The client's requested version is not negotiated: this server speaks one version.
-  return buildSuccessResponse(
-      request.id, {{"protocolVersion", mcpProtocolVersion},
-                   {"serverInfo", {{"name", serverName()}, {"version", mcpServerVersion}}},
-                   {"capabilities", {{"tools", nlohmann::json::object()}}}});
+  return {{"protocolVersion", mcpProtocolVersion},
+          {"serverInfo", {{"name", serverName()}, {"version", mcpServerVersion}}},
+          {"capabilities", {{"tools", nlohmann::json::object()}}}};
 }
 
-nlohmann::json ComputerUseMCPServer::handleToolsList(const JSONRPCRequest &request) const {
-  return buildSuccessResponse(request.id, {{"tools", toolDefinitions(mode_)}});
-}
-
-nlohmann::json ComputerUseMCPServer::handleToolsCall(const JSONRPCRequest &request) {
+void ComputerUseMCPServer::handleToolsCall(const JSONRPCRequest &request, JSONRPCReply reply) {
   static const nlohmann::json emptyObject = nlohmann::json::object();
   const nlohmann::json &params = request.params ? *request.params : emptyObject;
   const auto name = params.find("name");
   if (name == params.end() || !name->is_string())
-    return buildErrorResponse(request.id, JSONRPCError::invalidParamsCode,
-                              JSONRPCError::missingToolNameMessage);
+    return reply.error(JSONRPCError::invalidParamsCode, JSONRPCError::missingToolNameMessage);
   const auto arguments = params.find("arguments");
   const auto meta = params.find("_meta");
-  if (!tools_) {
-    nlohmann::json text = {{"type", "text"}, {"text", toolDispatchUnavailableMessage}};
-    return buildSuccessResponse(
-        request.id, {{"content", nlohmann::json::array({std::move(text)})}, {"isError", true}});
-  }
-  return buildSuccessResponse(
-      request.id,
-      tools_->dispatch(name->get<std::string>(),
-                       arguments != params.end() && arguments->is_object() ? *arguments
-                                                                           : emptyObject,
-                       meta != params.end() ? *meta : nlohmann::json()));
+  reply(tools_->call(name->get<std::string>(),
+                     arguments != params.end() && arguments->is_object() ? *arguments
+                                                                         : emptyObject,
+                     meta != params.end() ? *meta : nlohmann::json()));
 }
 
 void ComputerUseMCPServer::start(const MCPTransport &transport, std::stop_token stop) {
@@ -80,6 +61,15 @@ void ComputerUseMCPServer::start(const MCPTransport &transport, std::stop_token 
     return;
   }
   runStdioTransport(*this, STDIN_FILENO, STDOUT_FILENO, std::move(stop));
+}
+
+void runStdioTransport(ComputerUseMCPServer &server, int inputFd, int outputFd,
+                       std::stop_token stop, const StdioWriteOptions &writeOptions) {
+  Log::info(LogCategory::transport, "transport_started", {{"transport", "stdio"}});
+  StdioTransport transport(inputFd, outputFd, writeOptions);
+  JSONRPCDispatcher dispatcher(transport, server.methods());
+  std::stop_callback onCancel(stop, [&transport] { transport.close(); });
+  dispatcher.serve();
 }
 
 std::string urlHost(std::string_view url) {

@@ -1,9 +1,10 @@
 #pragma once
-// The MCP server: its identity, its method table and the transports it can serve.
+// The MCP server: its identity, its methods and the transports it can serve.
 
 #include "gateway/MCPServerMode.h"
-#include "mcp/MCPRequestHandler.h"
-#include "mcp/MCPToolDispatcher.h"
+#include "gateway/MCPTools.h"
+#include "mcp/JSONRPCDispatcher.h"
+#include "mcp/StdioMessageWriter.h"
 
 #include <memory>
 #include <stop_token>
@@ -23,28 +24,34 @@ struct MCPTransport {
   static MCPTransport sse(std::string url) { return {Kind::sse, std::move(url)}; }
 };
 
-class ComputerUseMCPServer final : public MCPRequestHandler {
+class ComputerUseMCPServer {
 public:
   using Mode = MCPServerMode;
 
-  // Without a dispatcher, tool calls are answered with an error result that says so.
-  explicit ComputerUseMCPServer(Mode mode, std::shared_ptr<MCPToolDispatcher> tools = nullptr);
+  ComputerUseMCPServer(Mode mode, std::shared_ptr<MCPTools> tools);
 
   std::string_view serverName() const;
-  std::optional<nlohmann::json> handleRequest(const JSONRPCRequest &request) override;
+
+  // The server's methods, for the dispatcher of a connection. They refer to this server,
+  // which must outlive the connection.
+  JSONRPCDispatcher::MethodTable methods();
 
   // Serves the transport until its input ends or `stop` is requested. Only stdio can be
   // served; asking for server-sent events logs that it is unavailable and returns.
   void start(const MCPTransport &transport, std::stop_token stop);
 
 private:
-  nlohmann::json handleInitialize(const JSONRPCRequest &request) const;
-  nlohmann::json handleToolsList(const JSONRPCRequest &request) const;
-  nlohmann::json handleToolsCall(const JSONRPCRequest &request);
+  nlohmann::json handleInitialize() const;
+  void handleToolsCall(const JSONRPCRequest &request, JSONRPCReply reply);
 
   const Mode mode_;
-  const std::shared_ptr<MCPToolDispatcher> tools_;
+  const std::shared_ptr<MCPTools> tools_;
 };
+
+// Serves one connection over a pair of descriptors: a stdio transport with a dispatcher
+// of the server's methods over it. Returns when the input ends or the connection stops.
+void runStdioTransport(ComputerUseMCPServer &server, int inputFd, int outputFd,
+                       std::stop_token stop, const StdioWriteOptions &writeOptions = {});
 
 // The host part of a URL ("example.com" of "https://user@example.com:8443/x"); empty
 // when it has none.

@@ -37,6 +37,9 @@ inline constexpr int methodNotFoundCode = -32601;
 inline constexpr std::string_view methodNotFoundPrefix = "Method not found: ";
 inline constexpr int invalidParamsCode = -32602;
 inline constexpr std::string_view missingToolNameMessage = "Invalid params: missing tool name";
+inline constexpr int internalErrorCode = -32603;
+inline constexpr std::string_view noResponseMessage =
+    "Internal error: the server failed to answer this request.";
 } // namespace JSONRPCError
 
 // Without an id the "id" key is left out altogether, never written as null.

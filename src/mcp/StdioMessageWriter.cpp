@@ -1,6 +1,7 @@
 #include "mcp/StdioMessageWriter.h"
 
 #include "logging/Logger.h"
+#include "mcp/MessageSerialization.h"
 
 #include <cerrno>
 #include <fcntl.h>
@@ -65,32 +66,21 @@ void reportWriteFailure(int error) {
 
 } // namespace
 
-std::optional<std::string> serializeResponse(const nlohmann::json &response, FramingMode framing) {
-  std::string body;
-  try {
-    body = response.dump();
-  } catch (const nlohmann::json::exception &) {
-    return std::nullopt;
-  }
+std::string frameMessage(std::string message, FramingMode framing) {
   if (framing == FramingMode::contentLength) {
-    std::string header = "Content-Length: " + std::to_string(body.size()) + "\r\n\r\n";
-    return body.insert(0, header);
+    const std::string header = "Content-Length: " + std::to_string(message.size()) + "\r\n\r\n";
+    return message.insert(0, header);
   }
-  body.push_back('\n');
-  return body;
+  message.push_back('\n');
+  return message;
 }
 
-StdioMessageWrite::StdioMessageWrite(const nlohmann::json &response, FramingMode framing)
-    : bytes_(serializeResponse(response, framing)) {
-  if (!bytes_)
-    Log::error(LogCategory::transport, "response_serialization_failed");
-}
+StdioMessageWrite::StdioMessageWrite(std::string message, FramingMode framing)
+    : bytes_(frameMessage(std::move(message), framing)) {}
 
 WriteOutcome StdioMessageWrite::tryWrite(int fd) {
-  if (!bytes_)
-    return WriteOutcome::failed;
   NonBlockingScope nonBlocking(fd);
-  const int error = writeFrom(fd, *bytes_, written_, nullptr, {});
+  const int error = writeFrom(fd, bytes_, written_, nullptr, {});
   if (error == EAGAIN)
     return WriteOutcome::incomplete;
   if (error != 0) {
@@ -102,10 +92,8 @@ WriteOutcome StdioMessageWrite::tryWrite(int fd) {
 
 bool StdioMessageWrite::finish(int fd, const std::function<bool()> &shouldStop,
                                const StdioWriteOptions &options) {
-  if (!bytes_)
-    return false;
   NonBlockingScope nonBlocking(fd);
-  const int error = writeFrom(fd, *bytes_, written_, &shouldStop, options);
+  const int error = writeFrom(fd, bytes_, written_, &shouldStop, options);
   if (error != 0) {
     reportWriteFailure(error);
     return false;
@@ -115,7 +103,8 @@ bool StdioMessageWrite::finish(int fd, const std::function<bool()> &shouldStop,
 
 bool writeMessage(const nlohmann::json &response, int fd, FramingMode framing,
                   const std::function<bool()> &shouldStop, const StdioWriteOptions &options) {
-  return StdioMessageWrite(response, framing).finish(fd, shouldStop, options);
+  auto message = serializeMessage(response);
+  return message && StdioMessageWrite(std::move(*message), framing).finish(fd, shouldStop, options);
 }
 
 } // namespace tavix

@@ -1,5 +1,5 @@
 #pragma once
-// Writes one response, whole, in the connection's framing.
+// Writes one message, whole, in the connection's framing.
 
 #include "mcp/FramingMode.h"
 
@@ -17,19 +17,18 @@ struct StdioWriteOptions {
   std::chrono::milliseconds blockedPollInterval{50};
 };
 
-// The bytes of one framed message: the compact JSON text with sorted keys, then either a
-// line feed or, before it, a "Content-Length" header. Nothing when the value cannot be
-// serialised (text that is not UTF-8).
-std::optional<std::string> serializeResponse(const nlohmann::json &response, FramingMode framing);
+// The bytes of one framed message: the message, then either a line feed or, before it,
+// a "Content-Length" header.
+std::string frameMessage(std::string message, FramingMode framing);
 
 enum class WriteOutcome { written, failed, incomplete };
 
-// One response on its way out. The descriptor is switched to non-blocking writes for the
+// One message on its way out. The descriptor is switched to non-blocking writes for the
 // duration of each call, so a stalled reader never blocks the writing thread beyond the
 // deadline; failures are logged.
 class StdioMessageWrite {
 public:
-  StdioMessageWrite(const nlohmann::json &response, FramingMode framing);
+  StdioMessageWrite(std::string message, FramingMode framing);
 
   // Writes what the descriptor takes without waiting: `incomplete` when bytes remain.
   WriteOutcome tryWrite(int fd);
@@ -39,11 +38,13 @@ public:
               const StdioWriteOptions &options = {});
 
 private:
-  std::optional<std::string> bytes_;
+  std::string bytes_;
   size_t written_ = 0;
 };
 
-// Serialises and writes one response to `fd`; returns whether it was written whole.
+// Serialises one message as compact JSON with sorted keys and writes it whole to `fd`;
+// returns whether it was written. A value that cannot be serialised is reported and not
+// written.
 bool writeMessage(const nlohmann::json &response, int fd, FramingMode framing,
                   const std::function<bool()> &shouldStop, const StdioWriteOptions &options = {});
 

@@ -1,17 +1,21 @@
 #pragma once
-// A tool dispatcher whose calls block until the test releases them or the call is
+// Tools whose calls block until the test releases them or the call is
 // cancelled, so that tests can hold requests in flight.
 
 #include "fakes/ReleaseGate.h"
-#include "mcp/MCPToolDispatcher.h"
+#include "gateway/MCPTools.h"
 #include "logging/Logger.h"
 #include "support/RequestContext.h"
 
 namespace tavix::test {
 
-class BlockingToolDispatcher final : public MCPToolDispatcher, public ReleaseGate {
+class BlockingToolDispatcher final : public MCPTools, public ReleaseGate {
 public:
-  nlohmann::json dispatch(const std::string &toolName, const nlohmann::json &arguments,
+  const nlohmann::json &list() const override {
+    static const nlohmann::json none = nlohmann::json::array();
+    return none;
+  }
+  nlohmann::json call(const std::string &toolName, const nlohmann::json &arguments,
                           const nlohmann::json &) override {
     const auto context = RequestContext::current();
     Log::info(LogCategory::tools, "test_tool_dispatched", {{"tool", toolName}});
