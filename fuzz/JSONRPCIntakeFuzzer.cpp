@@ -9,6 +9,7 @@
 
 #include <cstdint>
 #include <cstdlib>
+#include <thread>
 
 using nlohmann::json;
 
@@ -16,15 +17,29 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   static tavix::ComputerUseMCPServer server(
       tavix::MCPServerMode::computerUse,
       std::make_shared<tavix::MCPToolGateway>(tavix::MCPServerMode::computerUse));
+  // A request the queue runs after the input's: once it is answered, the input's request
+  // has been too. At end of input requests that have not started are dropped, so input
+  // stays open until then.
+  static const std::string syncRequest =
+      R"({"jsonrpc":"2.0","id":"fuzz-sync-7f3a","method":"fuzz/sync-7f3a"})";
+  static const std::string syncAnswer = R"({"id":"fuzz-sync-7f3a","jsonrpc":"2.0","result":{}})";
+  auto methods = server.methods();
+  methods.emplace("fuzz/sync-7f3a",
+                  [](const tavix::JSONRPCRequest &, tavix::JSONRPCReply reply) { reply(json::object()); });
   const std::string message(reinterpret_cast<const char *>(data), size);
   tavix::test::FakeMessageTransport transport;
   {
-    tavix::JSONRPCDispatcher dispatcher(transport, server.methods());
+    tavix::JSONRPCDispatcher dispatcher(transport, std::move(methods));
+    std::thread serving([&] { dispatcher.serve(); });
     transport.deliver(message);
+    transport.deliver(syncRequest);
+    transport.sentThrough(syncAnswer);
     transport.endInput();
-    dispatcher.serve();
+    serving.join();
   }
-  const auto answers = transport.takeSent();
+  auto answers = transport.takeSent();
+  if (std::erase(answers, syncAnswer) != 1)
+    abort();
 
   std::optional<tavix::JSONRPCRequest> request;
   if (auto value = json::parse(message, nullptr, false); !value.is_discarded())

@@ -3,12 +3,15 @@
 #include "logging/Logger.h"
 #include "mcp/StdioTransport.h"
 
+#include <cassert>
 #include <unistd.h>
 
 namespace tavix {
 
 ComputerUseMCPServer::ComputerUseMCPServer(Mode mode, std::shared_ptr<MCPTools> tools)
-    : mode_(mode), tools_(std::move(tools)) {}
+    : mode_(mode), tools_(std::move(tools)) {
+  assert(tools_ != nullptr);
+}
 
 std::string_view ComputerUseMCPServer::serverName() const {
   return mode_ == Mode::computerUse ? "computer-use" : "record-and-replay";

@@ -28,6 +28,7 @@ class ComputerUseMCPServer {
 public:
   using Mode = MCPServerMode;
 
+  // `tools` is never null.
   ComputerUseMCPServer(Mode mode, std::shared_ptr<MCPTools> tools);
 
   std::string_view serverName() const;

@@ -12,7 +12,12 @@ JSONRPCDispatcher::JSONRPCDispatcher(MessageTransport &transport, MethodTable me
 JSONRPCDispatcher::~JSONRPCDispatcher() { shutdown(); }
 
 void JSONRPCDispatcher::serve() {
-  transport_.run(*this);
+  {
+    // A transport that closes (a stop, or output the host no longer takes) cancels the
+    // running request and drops the waiting ones at once, before another can start.
+    std::stop_callback onClosing(transport_.closing(), [this] { requests_.close(); });
+    transport_.run(*this);
+  }
   shutdown();
 }
 

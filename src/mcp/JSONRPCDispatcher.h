@@ -19,8 +19,9 @@ namespace tavix {
 
 class JSONRPCDispatcher final : public MessageTransport::MessageHandler {
 public:
-  // Answers one request through `reply`, at once or later; runs with the request's
-  // context installed. A notification's reply sends nothing.
+  // Answers one request through `reply`, from any thread, before it returns: the request
+  // holds the queue's running slot, and sees its cancellation, until then. Runs with the
+  // request's context installed. A notification's reply sends nothing.
   using Handler = std::function<void(const JSONRPCRequest &request, JSONRPCReply reply)>;
   using MethodTable = std::map<std::string, Handler, std::less<>>;
 
@@ -31,7 +32,8 @@ public:
   JSONRPCDispatcher(const JSONRPCDispatcher &) = delete;
   JSONRPCDispatcher &operator=(const JSONRPCDispatcher &) = delete;
 
-  // Runs the transport until its input ends or it closes, then shuts down.
+  // Runs the transport until its input ends or it closes, then shuts down. When the
+  // transport closes, the request queue closes at once.
   void serve();
   // Closes the request queue (waiting requests are dropped unanswered, the running one
   // is cancelled), waits for the running request, and then refuses every later answer.

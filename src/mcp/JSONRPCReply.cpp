@@ -36,9 +36,13 @@ JSONRPCReply::~JSONRPCReply() { answerIfDropped(); }
 void JSONRPCReply::answerIfDropped() {
   if (!channel_ || !id_ || answered_.load() || cancellation_.stop_requested())
     return;
-  Log::error(LogCategory::transport, "mcp_request_unanswered",
-             {{"mcpRequestID", id_->text()}, {"method", method_}});
-  error(JSONRPCError::internalErrorCode, JSONRPCError::noResponseMessage);
+  // Runs in a destructor, perhaps while an exception unwinds: nothing may escape.
+  try {
+    Log::error(LogCategory::transport, "mcp_request_unanswered",
+               {{"mcpRequestID", id_->text()}, {"method", method_}});
+    error(JSONRPCError::internalErrorCode, JSONRPCError::noResponseMessage);
+  } catch (...) {
+  }
 }
 
 void JSONRPCReply::operator()(nlohmann::json result) {

@@ -110,7 +110,7 @@ void MCPStdioRequestQueue::runWorker(std::stop_token stop) {
     try {
       entry->operation(entry->correlationID, entry->task.get_token());
     } catch (const std::exception &) {
-      // An operation that throws loses its answer but not the connection.
+      // An operation that throws is logged; the connection goes on.
       Log::error(LogCategory::transport, "mcp_request_failed",
                  {{"requestID", entry->correlationID}});
     }

@@ -3,6 +3,7 @@
 // come in to a handler and whole messages go out. A transport knows nothing of JSON-RPC;
 // the dispatcher above it knows nothing of descriptors or framing.
 
+#include <stop_token>
 #include <string>
 #include <string_view>
 
@@ -30,6 +31,10 @@ public:
   // Ends `run` soon, and drops whatever is still waiting to be written. Safe from any
   // thread, and more than once.
   virtual void close() = 0;
+
+  // Fires when the transport closes (by `close`, or because its output failed), on the
+  // closing thread, so that work for the connection stops at once. Not at end of input.
+  virtual std::stop_token closing() const = 0;
 };
 
 } // namespace tavix

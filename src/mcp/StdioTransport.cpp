@@ -50,6 +50,7 @@ void StdioTransport::close() {
   ended_.store(true);
   output_.close();
   wake_.wake();
+  closing_.request_stop();
 }
 
 bool StdioTransport::writesShouldStop() const { return ended_.load() || output_.isClosed(); }

@@ -26,6 +26,7 @@ public:
   void run(MessageHandler &handler) override;
   void send(std::string message) override;
   void close() override;
+  std::stop_token closing() const override { return closing_.get_token(); }
 
 private:
   // A pipe whose write end wakes the reader's poll when the transport is closed.
@@ -52,6 +53,7 @@ private:
   // Set by `close`, and when `run` returns.
   std::atomic<bool> ended_ = false;
   WakePipe wake_;
+  std::stop_source closing_;
   MCPStdioOutputQueue output_; // last: its writer thread uses the members above
 };
 

@@ -5,10 +5,12 @@
 #include "mcp/MessageTransport.h"
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <deque>
 #include <mutex>
+#include <stop_token>
 #include <string>
 #include <utility>
 #include <vector>
@@ -44,15 +46,26 @@ public:
     }
   }
   void send(std::string message) override {
+    if (failSends_) {
+      close();
+      return;
+    }
     std::lock_guard guard(lock_);
     sent_.push_back(std::move(message));
     changed_.notify_all();
   }
   void close() override {
-    std::lock_guard guard(lock_);
-    closed_ = true;
-    changed_.notify_all();
+    {
+      std::lock_guard guard(lock_);
+      closed_ = true;
+      changed_.notify_all();
+    }
+    closing_.request_stop();
   }
+  std::stop_token closing() const override { return closing_.get_token(); }
+  // From now on a send fails as a broken output does: the message is lost and the
+  // transport closes.
+  void failSends() { failSends_ = true; }
 
   bool isClosed() const {
     std::lock_guard guard(lock_);
@@ -85,6 +98,8 @@ private:
   std::vector<std::string> sent_;
   bool inputEnded_ = false;
   bool closed_ = false;
+  std::atomic<bool> failSends_ = false;
+  std::stop_source closing_;
 };
 
 } // namespace tavix::test

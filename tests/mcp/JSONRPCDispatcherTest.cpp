@@ -121,63 +121,163 @@ TEST(JSONRPCDispatcher, AnswersEachMessageExactly) {
   }
 }
 
-// Methods that hold their requests in flight until released or cancelled, and then
-// answer only when they were not cancelled.
+// Methods that hold their requests in flight until released or cancelled. "hold" then
+// answers only when it was not cancelled; "hold-answer" answers either way.
 class HeldMethods : public ReleaseGate {
 public:
   JSONRPCDispatcher::MethodTable table() {
-    return {{"hold", [this](const JSONRPCRequest &request, JSONRPCReply reply) {
-               const auto context = RequestContext::current();
-               if (!pass(request.params->at("name"), context->correlationID(), context->cancellation()))
+    return {{"hold",
+             [this](const JSONRPCRequest &request, JSONRPCReply reply) {
+               if (!hold(request))
                  reply({{"name", request.params->at("name")}});
+             }},
+            {"hold-answer", [this](const JSONRPCRequest &request, JSONRPCReply reply) {
+               reply({{"cancelled", hold(request)}});
              }}};
   }
+
+private:
+  bool hold(const JSONRPCRequest &request) {
+    const auto context = RequestContext::current();
+    return pass(request.params->at("name"), context->correlationID(), context->cancellation());
+  }
 };
 
-class JSONRPCDispatcherServing : public ::testing::Test {
-protected:
-  ~JSONRPCDispatcherServing() override {
-    transport_.endInput();
-    serving_.wait();
+// A dispatcher serving a fake transport on its own thread, with held methods.
+class Served {
+public:
+  explicit Served(size_t capacity = MCPStdioRequestQueue::defaultCapacity)
+      : dispatcher(transport, methods.table(), capacity),
+        serving(std::async(std::launch::async, [this] { dispatcher.serve(); })) {}
+  ~Served() {
+    transport.endInput();
+    serving.wait();
   }
-  void hold(const json &id, const std::string &name) {
-    transport_.deliver(json{{"jsonrpc", "2.0"}, {"id", id}, {"method", "hold"}, {"params", {{"name", name}}}}.dump());
+  void request(const json &id, const std::string &name, const char *method = "hold") {
+    json message = {{"jsonrpc", "2.0"}, {"method", method}, {"params", {{"name", name}}}};
+    if (!id.is_null())
+      message["id"] = id;
+    transport.deliver(message.dump());
   }
-  void cancel(const json &id) {
-    transport_.deliver(json{{"jsonrpc", "2.0"}, {"method", "notifications/cancelled"}, {"params", {{"requestId", id}}}}.dump());
+  void cancel(const json &params) {
+    json message = {{"jsonrpc", "2.0"}, {"method", "notifications/cancelled"}};
+    if (!params.is_null())
+      message["params"] = params;
+    transport.deliver(message.dump());
+  }
+  // Everything sent so far, once the reader has handled what came before this call.
+  std::vector<std::string> sentSoFar() {
+    transport.deliver(R"({"jsonrpc":"2.0","id":"sync","method":"ping"})");
+    auto sent = transport.sentThrough(R"({"id":"sync","jsonrpc":"2.0","result":{}})");
+    transport.takeSent();
+    sent.pop_back();
+    return sent;
   }
 
-  HeldMethods methods_;
-  FakeMessageTransport transport_;
-  JSONRPCDispatcher dispatcher_{transport_, methods_.table()};
-  std::future<void> serving_ = std::async(std::launch::async, [this] { dispatcher_.serve(); });
+  HeldMethods methods;
+  FakeMessageTransport transport;
+  JSONRPCDispatcher dispatcher;
+  std::future<void> serving;
 };
 
-TEST_F(JSONRPCDispatcherServing, CancelledRequestsStayUnanswered) {
-  hold(1, "running");
-  hold(2, "waiting");
-  hold(3, "next");
-  methods_.started(1);
-  cancel(2);
-  cancel(1);
-  EXPECT_EQ(methods_.started(2), (std::vector<std::string>{"running", "next"}));
-  methods_.release("next");
-  EXPECT_EQ(transport_.sent(1), std::vector<std::string>{R"({"id":3,"jsonrpc":"2.0","result":{"name":"next"}})"});
-  EXPECT_EQ(methods_.cancelled(), std::vector<std::string>{"running"});
-  transport_.endInput();
-  serving_.wait();
-  EXPECT_EQ(transport_.takeSent().size(), 1u);
+std::string refusal(const std::string &id, int code, const std::string &message) {
+  return R"({"error":{"code":)" + std::to_string(code) + R"(,"message":")" + message +
+         R"("},"id":)" + id + R"(,"jsonrpc":"2.0"})";
 }
 
-TEST_F(JSONRPCDispatcherServing, ClosingTheTransportCancelsTheRunningRequestAndDropsTheWaiting) {
-  hold(1, "running");
-  hold(2, "waiting");
-  methods_.started(1);
-  transport_.close();
-  EXPECT_EQ(serving_.wait_for(10s), std::future_status::ready);
-  EXPECT_EQ(methods_.started(1), std::vector<std::string>{"running"});
-  EXPECT_EQ(methods_.cancelled(), std::vector<std::string>{"running"});
-  EXPECT_EQ(transport_.takeSent(), std::vector<std::string>{});
+TEST(JSONRPCDispatcherAdmission, RefusesOverflowAndDuplicatesAtOnceAndAcceptsAnIdAgainWhenItIsDone) {
+  const std::string full = "Request queue is full; retry after the active request finishes.";
+  const std::string duplicate = "Request ID is already active on this connection.";
+  Served s(1);
+  s.request(1, "running");
+  s.methods.started(1);
+  s.request(2, "waiting"); // the last place in line
+  s.request(3, "over");
+  s.request(json(), "quiet"); // a notification over the limit is refused silently
+  s.request(1, "same as running");
+  s.request(2, "same as waiting");
+  s.request("1", "a text id is another id");
+  EXPECT_EQ(s.sentSoFar(), (std::vector<std::string>{refusal("3", -32000, full),
+                                                      refusal("1", -32600, duplicate),
+                                                      refusal("2", -32600, duplicate),
+                                                      refusal(R"("1")", -32000, full)}));
+  s.methods.release("running");
+  EXPECT_EQ(s.transport.sent(1).at(0), R"({"id":1,"jsonrpc":"2.0","result":{"name":"running"}})");
+  s.methods.started(2);
+  s.request(1, "again");
+  s.methods.release("waiting");
+  s.methods.release("again");
+  EXPECT_EQ(s.transport.sent(3), (std::vector<std::string>{
+                                     R"({"id":1,"jsonrpc":"2.0","result":{"name":"running"}})",
+                                     R"({"id":2,"jsonrpc":"2.0","result":{"name":"waiting"}})",
+                                     R"({"id":1,"jsonrpc":"2.0","result":{"name":"again"}})"}));
+  EXPECT_EQ(s.methods.started(3), (std::vector<std::string>{"running", "waiting", "again"}));
+}
+
+TEST(JSONRPCDispatcherCancellation, CancelledRequestsStayUnanswered) {
+  Served s;
+  s.request(1, "running");
+  s.request(2, "waiting");
+  s.request(3, "next");
+  s.methods.started(1);
+  s.cancel({{"requestId", 2}});
+  s.cancel({{"requestId", 1}});
+  EXPECT_EQ(s.methods.started(2), (std::vector<std::string>{"running", "next"}));
+  s.methods.release("next");
+  EXPECT_EQ(s.transport.sent(1),
+            std::vector<std::string>{R"({"id":3,"jsonrpc":"2.0","result":{"name":"next"}})"});
+  EXPECT_EQ(s.methods.cancelled(), std::vector<std::string>{"running"});
+  EXPECT_EQ(s.sentSoFar().size(), 1u);
+}
+
+TEST(JSONRPCDispatcherCancellation, CancellationsThatNameNoRequestChangeNothing) {
+  Served s;
+  s.request(1, "running");
+  s.methods.started(1);
+  for (const json &params : {json(), json::object(), json{{"requestId", nullptr}},
+                             json{{"requestId", 1.5}}, json{{"requestId", {{"id", 1}}}},
+                             json{{"requestId", "1"}}, json{{"requestId", 2}}, json{{"id", 1}}})
+    s.cancel(params);
+  EXPECT_EQ(s.sentSoFar(), std::vector<std::string>{});
+  s.methods.release("running");
+  EXPECT_EQ(s.transport.sent(1),
+            std::vector<std::string>{R"({"id":1,"jsonrpc":"2.0","result":{"name":"running"}})"});
+  EXPECT_EQ(s.methods.cancelled(), std::vector<std::string>{});
+}
+
+TEST(JSONRPCDispatcherCancellation, AtEndOfInputTheRunningRequestIsCancelledAndItsAnswerStillSent) {
+  Served s;
+  s.request(1, "running", "hold-answer");
+  s.request(2, "waiting", "hold-answer");
+  s.methods.started(1);
+  s.transport.endInput();
+  s.serving.wait();
+  EXPECT_EQ(s.transport.takeSent(),
+            std::vector<std::string>{R"({"id":1,"jsonrpc":"2.0","result":{"cancelled":true}})"});
+  EXPECT_EQ(s.methods.started(1), std::vector<std::string>{"running"});
+}
+
+TEST(JSONRPCDispatcherCancellation, ClosingTheTransportCancelsTheRunningRequestAndDropsTheWaiting) {
+  Served s;
+  s.request(1, "running");
+  s.request(2, "waiting");
+  s.methods.started(1);
+  s.transport.close();
+  EXPECT_EQ(s.serving.wait_for(10s), std::future_status::ready);
+  EXPECT_EQ(s.methods.started(1), std::vector<std::string>{"running"});
+  EXPECT_EQ(s.methods.cancelled(), std::vector<std::string>{"running"});
+  EXPECT_EQ(s.transport.takeSent(), std::vector<std::string>{});
+}
+
+TEST(JSONRPCDispatcherCancellation, AnAnswerTheTransportCannotTakeStopsTheNextRequestFromStarting) {
+  Served s;
+  s.request(1, "first", "hold-answer");
+  s.request(2, "second", "hold-answer");
+  s.methods.started(1);
+  s.transport.failSends();
+  s.methods.release("first"); // its answer closes the transport, on the request's thread
+  EXPECT_EQ(s.serving.wait_for(10s), std::future_status::ready);
+  EXPECT_EQ(s.methods.started(1), std::vector<std::string>{"first"});
 }
 
 TEST(JSONRPCDispatcher, AReplyCompletedAfterTheConnectionEndedIsDropped) {

@@ -68,7 +68,7 @@ TEST(MCPStdioOutputQueue, ASeventeenthPendingResponseStopsTheConnection) {
   });
   queue->enqueue(blockedWrite, [&] { ++failures; });
   started.wait(); // the writer is stuck in the first write
-  for (int i = 1; i < MCPStdioOutputQueue::maxPending; ++i)
+  for (int i = 1; i < 16; ++i)
     queue->enqueue(blockedWrite, [&] { ++failures; });
   EXPECT_FALSE(queue->isClosed());
   EXPECT_EQ(failures, 0);
