@@ -6,7 +6,7 @@ cd "$(dirname "$0")/.."
 build=$1
 seconds=${2:-${TAVIX_FUZZ_SECONDS:-30}}
 declare -A corpus=([FramingReaderFuzzer]=framing_reader [JSONRPCIntakeFuzzer]=jsonrpc_intake
-                   [LogValueFuzzer]=log_value)
+                   [JSONSeamFuzzer]=json_seam [LogValueFuzzer]=log_value)
 for fuzzer in "${!corpus[@]}"; do
   work=$(mktemp -d)
   cp "fuzz/corpus/${corpus[$fuzzer]}"/* "$work/"
@@ -20,4 +20,4 @@ for fuzzer in "${!corpus[@]}"; do
   tail -1 "$work.log"
   rm -rf "$work" "$work.log"
 done
-echo "fuzz: 3 passed, 0 failed"
+echo "fuzz: ${#corpus[@]} passed, 0 failed"

@@ -1,5 +1,6 @@
 #include "mcp/JSONRPCDispatcher.h"
 
+#include "support/JSON.h"
 #include "support/RequestContext.h"
 
 namespace tavix {
@@ -29,11 +30,12 @@ void JSONRPCDispatcher::shutdown() {
 }
 
 void JSONRPCDispatcher::onMessage(std::string_view message) {
-  auto value = nlohmann::json::parse(message, nullptr, false);
-  if (value.is_discarded())
+  static_assert(MessageTransport::messagePadding >= jsonParsePadding);
+  auto value = parseJSON(message, JSONInput::padded);
+  if (!value)
     return respond(buildErrorResponse(std::nullopt, JSONRPCError::parseErrorCode,
                                       JSONRPCError::parseErrorMessage));
-  auto request = JSONRPCRequest::from(std::move(value));
+  auto request = JSONRPCRequest::from(std::move(*value));
   if (!request)
     return respond(buildErrorResponse(std::nullopt, JSONRPCError::invalidRequestCode,
                                       JSONRPCError::invalidRequestMessage));

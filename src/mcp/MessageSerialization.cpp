@@ -1,16 +1,15 @@
 #include "mcp/MessageSerialization.h"
 
 #include "logging/Logger.h"
+#include "support/JSON.h"
 
 namespace tavix {
 
 std::optional<std::string> serializeMessage(const nlohmann::json &message) {
-  try {
-    return message.dump();
-  } catch (const nlohmann::json::exception &) {
+  auto bytes = serializeJSON(message);
+  if (!bytes)
     Log::error(LogCategory::transport, "response_serialization_failed");
-    return std::nullopt;
-  }
+  return bytes;
 }
 
 } // namespace tavix

@@ -3,6 +3,7 @@
 // come in to a handler and whole messages go out. A transport knows nothing of JSON-RPC;
 // the dispatcher above it knows nothing of descriptors or framing.
 
+#include <cstddef>
 #include <stop_token>
 #include <string>
 #include <string_view>
@@ -14,9 +15,13 @@ public:
   class MessageHandler {
   public:
     virtual ~MessageHandler() = default;
-    // One message's bytes, valid only during the call.
+    // One message's bytes, valid only during the call. At least `messagePadding` bytes
+    // after them are readable too, so that a parser that reads ahead can take the
+    // message where it lies instead of copying it.
     virtual void onMessage(std::string_view message) = 0;
   };
+
+  static constexpr size_t messagePadding = 64;
 
   virtual ~MessageTransport() = default;
 

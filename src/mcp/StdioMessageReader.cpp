@@ -66,8 +66,10 @@ void StdioMessageReader::makeRoomToRead() {
     end_ -= start_;
     start_ = 0;
   }
-  if (buffer_.size() < end_ + readChunkBytes)
-    buffer_.resize(std::max(buffer_.size() * 2, end_ + readChunkBytes));
+  // A read adds at most a chunk, and the bytes after it stay readable for a message that
+  // ends there.
+  if (buffer_.size() < end_ + readChunkBytes + trailingBytes)
+    buffer_.resize(std::max(buffer_.size() * 2, end_ + readChunkBytes + trailingBytes));
 }
 
 bool StdioMessageReader::fill() {

@@ -17,6 +17,8 @@ namespace tavix {
 class StdioMessageReader {
 public:
   static constexpr size_t maxHeaderBytes = 16384;
+  // Readable bytes that always follow a message returned, inside the buffer.
+  static constexpr size_t trailingBytes = 64;
   static constexpr size_t readChunkBytes = 65536;
   static constexpr std::chrono::milliseconds pollInterval{100};
 
@@ -25,7 +27,8 @@ public:
   // time-out.
   StdioMessageReader(int fd, std::function<bool()> shouldStop, int wakeFd = -1);
 
-  // The bytes of the next message, valid until the next call; nothing at end of input,
+  // The bytes of the next message, valid until the next call and followed by at least
+  // `trailingBytes` readable bytes; nothing at end of input,
   // on a stop, on a read error, or when the framing is broken (an oversized or unreadable
   // header, or one without a valid length), all of which end the connection.
   std::optional<std::string_view> readMessage();

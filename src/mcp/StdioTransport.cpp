@@ -3,6 +3,8 @@
 #include "mcp/StdioMessageReader.h"
 
 #include <memory>
+
+static_assert(tavix::StdioMessageReader::trailingBytes >= tavix::MessageTransport::messagePadding);
 #include <fcntl.h>
 #include <unistd.h>
 

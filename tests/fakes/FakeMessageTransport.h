@@ -38,10 +38,13 @@ public:
       changed_.wait(guard, [&] { return closed_ || inputEnded_ || !incoming_.empty(); });
       if (closed_ || incoming_.empty())
         return;
-      const std::string message = std::move(incoming_.front());
+      // Followed by readable bytes, as a real transport's messages are.
+      std::string message = std::move(incoming_.front());
+      const size_t length = message.size();
+      message.append(messagePadding, '\0');
       incoming_.pop_front();
       guard.unlock();
-      handler.onMessage(message);
+      handler.onMessage(std::string_view(message).substr(0, length));
       guard.lock();
     }
   }

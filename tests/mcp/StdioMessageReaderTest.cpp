@@ -148,3 +148,41 @@ TEST(StdioMessageReader, AWakeDescriptorEndsAWaitingReadAtOnce) {
 
 } // namespace
 } // namespace tavix::test
+
+namespace tavix::test {
+namespace {
+
+// Every message is followed by 64 readable bytes, so that it can be parsed where it lies.
+// Under AddressSanitizer a message that ended at the edge of the buffer fails here.
+TEST(StdioMessageReader, EveryMessageIsFollowedBySixtyFourReadableBytes) {
+  EXPECT_EQ(StdioMessageReader::trailingBytes, 64u);
+  for (size_t length : {1u, 65535u, 65536u, 65537u, 131071u, 131072u, 300000u}) {
+    for (bool contentLength : {false, true}) {
+      for (bool lineFeed : {true, false}) {
+        SCOPED_TRACE(testing::Message() << length << (contentLength ? " content-length" : " newline")
+                                        << (lineFeed ? "" : " at end of input"));
+        ReaderOnPipe r;
+        const std::string body = "{" + std::string(length - 1, 'x');
+        auto reading = std::async(std::launch::async, [&] {
+          const auto message = r.reader.readMessage();
+          if (!message)
+            return std::string();
+          const char *end = message->data() + message->size();
+          volatile char last = end[StdioMessageReader::trailingBytes - 1];
+          static_cast<void>(last);
+          return std::string(*message);
+        });
+        std::string bytes = contentLength
+                                ? "Content-Length: " + std::to_string(length) + "\r\n\r\n" + body
+                                : body + (lineFeed ? "\n" : "");
+        r.pipe.write(bytes);
+        if (!lineFeed || contentLength)
+          r.pipe.closeWrite();
+        EXPECT_EQ(reading.get(), body);
+      }
+    }
+  }
+}
+
+} // namespace
+} // namespace tavix::test
