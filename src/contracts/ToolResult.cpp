@@ -1,0 +1,92 @@
+#include "contracts/ToolResult.h"
+
+namespace tavix {
+
+nlohmann::json ToolResultContent::toJSON() const {
+  if (const auto *text = std::get_if<Text>(&value))
+    return {{"type", "text"}, {"text", text->text}};
+  const auto &image = std::get<Image>(value);
+  return {{"type", "image"}, {"data", image.base64Data}, {"mimeType", image.mimeType}};
+}
+
+ToolResult ToolResult::text(std::string message) {
+  return {{ToolResultContent::text(std::move(message))}, false, std::nullopt};
+}
+
+ToolResult ToolResult::error(std::string message, std::optional<ComputerUseFailure> failure) {
+  return {{ToolResultContent::text(std::move(message))}, true, std::move(failure)};
+}
+
+nlohmann::json ToolResult::toJSON() const {
+  nlohmann::json items = nlohmann::json::array();
+  for (const auto &item : content)
+    items.push_back(item.toJSON());
+  nlohmann::json json = {{"content", std::move(items)}};
+  if (isError)
+    json["isError"] = true;
+  return json;
+}
+
+ToolResultContent ComputerUseIPCToolContentBlock::toToolResultContent() const {
+  if (type == "image" && data)
+    return ToolResultContent::image(*data, mimeType.value_or("image/png"));
+  return ToolResultContent::text(text.value_or(""));
+}
+
+nlohmann::json ComputerUseIPCToolResultResponse::toJSON() const {
+  nlohmann::json blocks = nlohmann::json::array();
+  for (const auto &block : content)
+    blocks.push_back(block.toJSON());
+  nlohmann::json json = {{"content", std::move(blocks)}, {"isError", isError}};
+  decoding::putOptional(json, "failure", failure);
+  return json;
+}
+
+Decoded<ComputerUseIPCToolResultResponse>
+ComputerUseIPCToolResultResponse::fromJSON(const nlohmann::json &json) {
+  return fromJSON(nlohmann::json(json));
+}
+
+Decoded<ComputerUseIPCToolResultResponse>
+ComputerUseIPCToolResultResponse::fromJSON(nlohmann::json &&json) {
+  const nlohmann::json *object;
+  TAVIX_DECODE(object, decoding::object(json, "ComputerUseIPCToolResultResponse"));
+  ComputerUseIPCToolResultResponse response;
+  const auto content = json.find("content");
+  if (content == json.end())
+    return decoding::fail("Missing required key \"content\"");
+  if (!content->is_array())
+    return decoding::fail("Expected an array for \"content\"");
+  for (nlohmann::json &item : *content) {
+    // The image data is by far the largest part of a reply: taken out, not copied.
+    std::optional<std::string> data;
+    if (item.is_object())
+      if (const auto found = item.find("data"); found != item.end() && found->is_string()) {
+        data = std::move(found->get_ref<std::string &>());
+        *found = nullptr;
+      }
+    ComputerUseIPCToolContentBlock block;
+    TAVIX_DECODE(block, ComputerUseIPCToolContentBlock::fromJSON(item));
+    if (data)
+      block.data = std::move(data);
+    response.content.push_back(std::move(block));
+  }
+  TAVIX_DECODE(response.isError, decoding::required<bool>(*object, "isError"));
+  TAVIX_DECODE(response.failure, decoding::optional<ComputerUseFailure>(*object, "failure"));
+  return response;
+}
+
+ToolResult ComputerUseIPCToolResultResponse::toToolResult() && {
+  ToolResult result{{}, isError, std::move(failure)};
+  result.content.reserve(content.size());
+  for (auto &block : content) {
+    if (block.type == "image" && block.data)
+      result.content.push_back(
+          ToolResultContent::image(std::move(*block.data), block.mimeType.value_or("image/png")));
+    else
+      result.content.push_back(block.toToolResultContent());
+  }
+  return result;
+}
+
+} // namespace tavix
