@@ -2,6 +2,7 @@
 // reply carrying a 5 MB base64 screenshot and a 4 MB paste request of prose and code,
 // beside a plain memcpy of the same bytes (the floor).
 
+#include "contracts/ToolResult.h"
 #include "support/JSON.h"
 
 #include <benchmark/benchmark.h>
@@ -48,7 +49,8 @@ const std::string &screenshotReply() {
   static const std::string text =
       json{{"content", json::array({{{"type", "text"}, {"text", "<app_state>…</app_state>"}},
                                     {{"type", "image"}, {"mimeType", "image/png"},
-                                     {"data", base64Image(5 * 1024 * 1024)}}})}}
+                                     {"data", base64Image(5 * 1024 * 1024)}}})},
+           {"isError", false}}
           .dump();
   return text;
 }
@@ -111,11 +113,29 @@ void BM_WriteSeam(benchmark::State &state) {
   state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(document(state.range(0)).size()));
 }
 
+// The whole way from the runtime's reply bytes to the tool result.
+void BM_DecodeToolResult(benchmark::State &state) {
+  const std::string &text = screenshotReply();
+  const std::string padded = text + std::string(jsonParsePadding, ' ');
+  const std::string_view view = std::string_view(padded).substr(0, text.size());
+  for (auto _ : state) {
+    auto response = ComputerUseIPCToolResultResponse::fromJSON(std::move(*parseJSON(view, JSONInput::padded)));
+    if (!response) {
+      state.SkipWithError(response.error().description.c_str());
+      break;
+    }
+    benchmark::DoNotOptimize(std::move(*response).toToolResult());
+  }
+  state.SetLabel(documentName(0));
+  state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(text.size()));
+}
+
 BENCHMARK(BM_Memcpy)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_ParseNlohmann)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_ParseSeam)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_DumpNlohmann)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_WriteSeam)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_DecodeToolResult)->Unit(benchmark::kMillisecond);
 
 } // namespace
 } // namespace tavix

@@ -5,7 +5,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 build=$1
 seconds=${2:-${TAVIX_FUZZ_SECONDS:-30}}
-declare -A corpus=([FramingReaderFuzzer]=framing_reader [JSONRPCIntakeFuzzer]=jsonrpc_intake
+declare -A corpus=([ContractsFuzzer]=contracts [FramingReaderFuzzer]=framing_reader [JSONRPCIntakeFuzzer]=jsonrpc_intake
                    [JSONSeamFuzzer]=json_seam [LogValueFuzzer]=log_value)
 for fuzzer in "${!corpus[@]}"; do
   work=$(mktemp -d)

@@ -81,7 +81,7 @@ Decoded<ComputerUseIPCAction> decodeCaseAt(size_t index, const nlohmann::json &p
 
 Decoded<ComputerUseIPCAction> ComputerUseIPCAction::fromJSON(const nlohmann::json &json) {
   const nlohmann::json *object;
-  TAVIX_DECODE(object, decoding::object(json, "ComputerUseIPCAction"));
+  TAVIX_TRY(object, decoding::object(json, "ComputerUseIPCAction"));
   if (object->size() != 1)
     return decoding::fail("Invalid number of keys found, expected one.");
   const std::string &name = object->begin().key();
@@ -89,7 +89,7 @@ Decoded<ComputerUseIPCAction> ComputerUseIPCAction::fromJSON(const nlohmann::jso
     if (caseNames[index] != name)
       continue;
     const nlohmann::json *payload;
-    TAVIX_DECODE(payload, decoding::object(object->begin().value(), name));
+    TAVIX_TRY(payload, decoding::object(object->begin().value(), name));
     const auto parameters = payload->find("_0");
     if (parameters == payload->end())
       return decoding::fail("Missing required key \"_0\"");

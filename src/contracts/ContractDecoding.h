@@ -46,7 +46,14 @@ inline tl::unexpected<DecodingError> fail(std::string description) {
   return tl::unexpected(DecodingError{std::move(description)});
 }
 
-inline std::string quoted(std::string_view key) { return "\"" + std::string(key) + "\""; }
+inline std::string quoted(std::string_view key) {
+  std::string text;
+  text.reserve(key.size() + 2);
+  text.push_back('"');
+  text.append(key);
+  text.push_back('"');
+  return text;
+}
 
 // The object itself, or a failure naming the record that expected one.
 inline Decoded<const nlohmann::json *> object(const nlohmann::json &value, std::string_view record) {
@@ -219,8 +226,9 @@ Decoded<Record> decodeFields(const nlohmann::json &json, std::string_view record
   }                                                                                                \
   friend bool operator==(const Record &, const Record &) = default
 
-// Reads a field into `target`, or returns the failure from the enclosing function.
-#define TAVIX_DECODE(target, expression)                                                           \
+// Evaluates an expected value into `target`, or returns its error from the enclosing
+// function.
+#define TAVIX_TRY(target, expression)                                                           \
   do {                                                                                             \
     auto decoded_ = (expression);                                                                  \
     if (!decoded_)                                                                                 \

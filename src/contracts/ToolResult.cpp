@@ -50,7 +50,7 @@ ComputerUseIPCToolResultResponse::fromJSON(const nlohmann::json &json) {
 Decoded<ComputerUseIPCToolResultResponse>
 ComputerUseIPCToolResultResponse::fromJSON(nlohmann::json &&json) {
   const nlohmann::json *object;
-  TAVIX_DECODE(object, decoding::object(json, "ComputerUseIPCToolResultResponse"));
+  TAVIX_TRY(object, decoding::object(json, "ComputerUseIPCToolResultResponse"));
   ComputerUseIPCToolResultResponse response;
   const auto content = json.find("content");
   if (content == json.end())
@@ -66,13 +66,13 @@ ComputerUseIPCToolResultResponse::fromJSON(nlohmann::json &&json) {
         *found = nullptr;
       }
     ComputerUseIPCToolContentBlock block;
-    TAVIX_DECODE(block, ComputerUseIPCToolContentBlock::fromJSON(item));
+    TAVIX_TRY(block, ComputerUseIPCToolContentBlock::fromJSON(item));
     if (data)
       block.data = std::move(data);
     response.content.push_back(std::move(block));
   }
-  TAVIX_DECODE(response.isError, decoding::required<bool>(*object, "isError"));
-  TAVIX_DECODE(response.failure, decoding::optional<ComputerUseFailure>(*object, "failure"));
+  TAVIX_TRY(response.isError, decoding::required<bool>(*object, "isError"));
+  TAVIX_TRY(response.failure, decoding::optional<ComputerUseFailure>(*object, "failure"));
   return response;
 }
 
