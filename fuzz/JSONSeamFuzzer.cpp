@@ -4,6 +4,7 @@
 
 #include "support/JSON.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdlib>
 #include <string>
@@ -21,6 +22,29 @@ std::optional<std::string> dumped(const json &value) {
   }
 }
 
+// The deepest nesting of arrays and objects in the text, strings skipped.
+size_t nestingDepth(std::string_view text) {
+  size_t depth = 0, deepest = 0;
+  bool inString = false, escaped = false;
+  for (char c : text) {
+    if (inString) {
+      if (escaped)
+        escaped = false;
+      else if (c == '\\')
+        escaped = true;
+      else if (c == '"')
+        inString = false;
+    } else if (c == '"') {
+      inString = true;
+    } else if (c == '[' || c == '{') {
+      deepest = std::max(deepest, ++depth);
+    } else if ((c == ']' || c == '}') && depth > 0) {
+      --depth;
+    }
+  }
+  return deepest;
+}
+
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
@@ -32,8 +56,17 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     const auto parsed = tavix::parseJSON(std::string_view(padded).substr(0, size), input);
     if (parsed.has_value() == expected.is_discarded())
       abort();
-    if (parsed && (*parsed != expected || parsed->type() != expected.type() ||
-                   tavix::serializeJSON(*parsed) != dumped(expected)))
+    if (!parsed)
+      continue;
+    // nlohmann compares and dumps recursively, which deep values overflow under the
+    // sanitizers; there the seam's own (iterative) writer is the witness.
+    if (nestingDepth(text) > 256) {
+      if (tavix::serializeJSON(*parsed) != tavix::serializeJSON(expected))
+        abort();
+      continue;
+    }
+    if (*parsed != expected || parsed->type() != expected.type() ||
+        tavix::serializeJSON(*parsed) != dumped(expected))
       abort();
   }
   const json asText = std::string(text);

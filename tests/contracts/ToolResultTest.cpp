@@ -76,6 +76,22 @@ TEST(ComputerUseFailure, JSONAndIPCErrors) {
     EXPECT_EQ(failureFrom(error).toJSON().dump(), text);
 }
 
+TEST(ComputerUseFailure, TheTwentyOneKindsAndTheirRawValuesInOrder) {
+  const std::string_view names[] = {
+      "unknown", "invalidArgument", "keyNotFound", "invalidElement", "invalidSecondaryAction",
+      "appNotFound", "noActiveState", "staleState", "userIntervened", "appNotAllowed",
+      "permissionsPending", "permissionsNotGranted", "cancelled", "timeout", "blockedURL",
+      "rateLimited", "lockedUseDisabled", "lockedUseUnavailable", "lockedUsePaused",
+      "lockedUseUnlockFailed", "lockedUseTimedOut"};
+  EXPECT_EQ(RawValues<Kind>::names.size(), 21u);
+  for (size_t i = 0; i < std::size(names); ++i) {
+    const auto decoded = ComputerUseFailure::fromJSON({{"kind", names[i]}});
+    ASSERT_TRUE(decoded.has_value()) << names[i];
+    EXPECT_EQ(static_cast<size_t>(decoded->kind), i) << names[i];
+    EXPECT_EQ(decoded->toJSON().dump(), R"({"kind":")" + std::string(names[i]) + R"("})");
+  }
+}
+
 TEST(ToolError, MessagesAndFailures) {
   const ComputerUseFailure carried{Kind::lockedUsePaused, "paused", std::nullopt, 9};
   struct Case {

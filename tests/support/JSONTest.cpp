@@ -59,11 +59,20 @@ TEST(JSONParse, DecidesAndReadsEveryInputAsNlohmannDoes) {
     expectSameAsNlohmann(text);
 }
 
+// nlohmann's own comparison and dump() recurse, which deep values overflow under the
+// sanitizers; the seam's writer does not, so it is the witness here.
 TEST(JSONParse, NestingDeeperThanSimdjsonGoesIsDecidedByNlohmann) {
   for (size_t depth : {1023u, 1024u, 1025u, 5000u}) {
     SCOPED_TRACE(depth);
-    expectSameAsNlohmann(std::string(depth, '[') + std::string(depth, ']'));
-    expectSameAsNlohmann(std::string(depth, '[') + std::string(depth - 1, ']'));
+    for (const std::string &text : {std::string(depth, '[') + std::string(depth, ']'),
+                                    std::string(depth, '[') + "{\"a\":1}" + std::string(depth, ']'),
+                                    std::string(depth, '[') + std::string(depth - 1, ']')}) {
+      const auto expected = reference(text);
+      const auto parsed = parseJSON(text);
+      ASSERT_EQ(parsed.has_value(), expected.has_value());
+      if (expected)
+        EXPECT_EQ(serializeJSON(*parsed), serializeJSON(*expected));
+    }
   }
 }
 
