@@ -45,11 +45,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     const auto action = read(*value);
     if (!action)
       continue;
-    // NaN and infinities do not survive JSON; drag alone lets them through.
-    const auto decoded = ComputerUseIPCAction::fromJSON(json::parse(serializeJSON(action->action.toJSON()).value()));
-    if (!decoded)
-      abort();
-    if (!std::holds_alternative<DragParams>(action->action.params) && !(*decoded == action->action))
+    // Drag lets NaN and infinities through, which JSON cannot carry: a request holding one
+    // is refused when it is written, and is never sent.
+    const auto wire = serializeJSON(action->action.toJSON(), NonFiniteNumbers::refuse);
+    if (!wire) {
+      if (!std::holds_alternative<DragParams>(action->action.params))
+        abort();
+      continue;
+    }
+    const auto decoded = ComputerUseIPCAction::fromJSON(json::parse(*wire));
+    if (!decoded || !(*decoded == action->action))
       abort();
   }
   return 0;

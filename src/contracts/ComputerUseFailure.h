@@ -46,7 +46,8 @@ struct ComputerUseFailure {
                       field("elementID", &R::elementID), field("nativeCode", &R::nativeCode));
   TAVIX_RECORD_JSON(ComputerUseFailure);
 
-  // A cancelled task, and any error the bridge does not know.
+  // A cancelled task, and any error the bridge does not know. A ToolError reports its own
+  // failure (ToolError::failure), an IPC error the one `failureFrom` gives.
   static ComputerUseFailure cancelled() { return {Kind::cancelled, {}, {}, {}}; }
   static ComputerUseFailure unknownError() { return {Kind::unknown, {}, {}, {}}; }
 };

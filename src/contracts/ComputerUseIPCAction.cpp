@@ -82,20 +82,27 @@ Decoded<ComputerUseIPCAction> decodeCaseAt(size_t index, const nlohmann::json &p
 Decoded<ComputerUseIPCAction> ComputerUseIPCAction::fromJSON(const nlohmann::json &json) {
   const nlohmann::json *object;
   TAVIX_TRY(object, decoding::object(json, "ComputerUseIPCAction"));
-  if (object->size() != 1)
-    return decoding::fail("Invalid number of keys found, expected one.");
-  const std::string &name = object->begin().key();
-  for (size_t index = 0; index < caseNames.size(); ++index) {
-    if (caseNames[index] != name)
-      continue;
-    const nlohmann::json *payload;
-    TAVIX_TRY(payload, decoding::object(object->begin().value(), name));
-    const auto parameters = payload->find("_0");
-    if (parameters == payload->end())
-      return decoding::fail("Missing required key \"_0\"");
-    return decodeCaseAt(index, *parameters, std::make_index_sequence<std::variant_size_v<Params>>());
+  // Only the keys that name a case count; others are ignored, as in every record.
+  std::optional<size_t> found;
+  nlohmann::json::const_iterator payload;
+  for (auto it = object->begin(); it != object->end(); ++it) {
+    for (size_t index = 0; index < caseNames.size(); ++index) {
+      if (caseNames[index] != it.key())
+        continue;
+      if (found)
+        return decoding::fail("Invalid number of keys found, expected one.");
+      found = index;
+      payload = it;
+    }
   }
-  return decoding::fail("Unknown action " + decoding::quoted(name));
+  if (!found)
+    return decoding::fail("Invalid number of keys found, expected one.");
+  const nlohmann::json *wrapper;
+  TAVIX_TRY(wrapper, decoding::object(payload.value(), payload.key()));
+  const auto parameters = wrapper->find("_0");
+  if (parameters == wrapper->end())
+    return decoding::fail("Missing required key \"_0\"");
+  return decodeCaseAt(*found, *parameters, std::make_index_sequence<std::variant_size_v<Params>>());
 }
 
 } // namespace tavix

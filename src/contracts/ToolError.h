@@ -88,4 +88,7 @@ private:
   ComputerUseFailure failure_;
 };
 
+// The failure a ToolError reports, beside failureFrom(ComputerUseIPCError).
+inline ComputerUseFailure failureFrom(const ToolError &error) { return error.failure(); }
+
 } // namespace tavix

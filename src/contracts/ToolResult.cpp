@@ -1,5 +1,7 @@
 #include "contracts/ToolResult.h"
 
+#include "support/Base64.h"
+
 namespace tavix {
 
 nlohmann::json ToolResultContent::toJSON() const {
@@ -25,6 +27,24 @@ nlohmann::json ToolResult::toJSON() const {
   if (isError)
     json["isError"] = true;
   return json;
+}
+
+namespace {
+
+Decoded<std::optional<std::string>> checkedData(std::optional<std::string> data) {
+  if (data && !isStandardBase64(*data))
+    return decoding::fail("Expected standard padded base64 for \"data\"");
+  return data;
+}
+
+} // namespace
+
+Decoded<ComputerUseIPCToolContentBlock>
+ComputerUseIPCToolContentBlock::fromJSON(const nlohmann::json &json) {
+  auto block = decodeFields<ComputerUseIPCToolContentBlock>(json, "ComputerUseIPCToolContentBlock");
+  if (block)
+    TAVIX_TRY(block->data, checkedData(std::move(block->data)));
+  return block;
 }
 
 ToolResultContent ComputerUseIPCToolContentBlock::toToolResultContent() const {
@@ -68,7 +88,7 @@ ComputerUseIPCToolResultResponse::fromJSON(nlohmann::json &&json) {
     ComputerUseIPCToolContentBlock block;
     TAVIX_TRY(block, ComputerUseIPCToolContentBlock::fromJSON(item));
     if (data)
-      block.data = std::move(data);
+      TAVIX_TRY(block.data, checkedData(std::move(data)));
     response.content.push_back(std::move(block));
   }
   TAVIX_TRY(response.isError, decoding::required<bool>(*object, "isError"));

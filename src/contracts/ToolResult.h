@@ -56,7 +56,10 @@ struct ComputerUseIPCToolContentBlock {
   static constexpr auto fields =
       std::make_tuple(field("type", &R::type), field("text", &R::text), field("data", &R::data),
                       field("mimeType", &R::mimeType));
-  TAVIX_RECORD_JSON(ComputerUseIPCToolContentBlock);
+  nlohmann::json toJSON() const { return encodeFields(*this); }
+  // As its fields, with "data" required to be standard padded base64.
+  static Decoded<ComputerUseIPCToolContentBlock> fromJSON(const nlohmann::json &json);
+  friend bool operator==(const R &, const R &) = default;
   // An image with data is an image ("image/png" without a type); anything else is text,
   // empty when the block has none.
   ToolResultContent toToolResultContent() const;

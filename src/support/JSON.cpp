@@ -241,19 +241,21 @@ template <typename Number> void appendInteger(std::string &out, Number value) {
   out.append(buffer.data(), static_cast<size_t>(result.ptr - buffer.data()));
 }
 
-void appendDouble(std::string &out, double value) {
+bool appendDouble(std::string &out, double value, NonFiniteNumbers nonFinite) {
   if (!std::isfinite(value)) {
     out += "null";
-    return;
+    return nonFinite == NonFiniteNumbers::asNull;
   }
   // nlohmann's own shortest round-trip formatting, so that the text is the same as dump().
   std::array<char, 64> buffer;
   char *end = nlohmann::detail::to_chars(buffer.data(), buffer.data() + buffer.size(), value);
   out.append(buffer.data(), static_cast<size_t>(end - buffer.data()));
+  return true;
 }
 
-// Writes a value that holds no array or object; false for a text that is not UTF-8.
-bool appendScalar(std::string &out, const Json &value) {
+// Writes a value that holds no array or object; false for a text that is not UTF-8, or a
+// non-finite number that is refused.
+bool appendScalar(std::string &out, const Json &value, NonFiniteNumbers nonFinite) {
   switch (value.type()) {
   case Json::value_t::null:
     out += "null";
@@ -268,8 +270,7 @@ bool appendScalar(std::string &out, const Json &value) {
     appendInteger(out, value.get<Json::number_unsigned_t>());
     return true;
   case Json::value_t::number_float:
-    appendDouble(out, value.get<double>());
-    return true;
+    return appendDouble(out, value.get<double>(), nonFinite);
   case Json::value_t::string:
     return appendString(out, value.get_ref<const std::string &>());
   default: // binary and discarded values never reach the wire; dump() knows their form
@@ -286,7 +287,7 @@ struct Frame {
 
 } // namespace
 
-std::optional<std::string> serializeJSON(const Json &value) {
+std::optional<std::string> serializeJSON(const Json &value, NonFiniteNumbers nonFinite) {
   std::string out;
   std::vector<Frame> stack;
   const Json *current = &value;
@@ -299,7 +300,7 @@ std::optional<std::string> serializeJSON(const Json &value) {
         out += "{}";
       } else if (current->is_array()) {
         out += "[]";
-      } else if (!appendScalar(out, *current)) {
+      } else if (!appendScalar(out, *current, nonFinite)) {
         return std::nullopt;
       }
     }

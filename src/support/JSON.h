@@ -32,8 +32,15 @@ enum class JSONInput {
 std::optional<nlohmann::json> parseJSON(std::string_view text,
                                         JSONInput input = JSONInput::copied);
 
+// What to do with a NaN or an infinity, which JSON cannot hold.
+enum class NonFiniteNumbers {
+  asNull, // as dump() writes them
+  refuse, // nothing is written: for requests, whose receiver would misread a null
+};
+
 // The compact text of `value`; nothing when one of its texts is not UTF-8, which
-// `dump()` refuses too.
-std::optional<std::string> serializeJSON(const nlohmann::json &value);
+// `dump()` refuses too, or when it holds a non-finite number that is to be refused.
+std::optional<std::string> serializeJSON(const nlohmann::json &value,
+                                         NonFiniteNumbers nonFinite = NonFiniteNumbers::asNull);
 
 } // namespace tavix

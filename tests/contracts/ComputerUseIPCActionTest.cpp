@@ -47,7 +47,8 @@ TEST(ComputerUseIPCAction, MalformedActionsFailWithTheirReason) {
       {R"({})", "Invalid number of keys found, expected one."},
       {R"({"click":{"_0":{"clickCount":1,"mouseButton":0}},"drag":{"_0":{}}})",
        "Invalid number of keys found, expected one."},
-      {R"({"hover":{"_0":{}}})", "Unknown action \"hover\""},
+      {R"({"hover":{"_0":{}}})", "Invalid number of keys found, expected one."},
+      {R"({"Click":{"_0":{"clickCount":1,"mouseButton":0}}})", "Invalid number of keys found, expected one."},
       {R"({"click":{}})", "Missing required key \"_0\""},
       {R"({"click":{"_0":{"mouseButton":0}}})", "Missing required key \"clickCount\""},
       {R"({"selectText":{"_0":{"elementIndex":1,"text":"t","selection":"cursorAfter"}}})",
@@ -61,6 +62,11 @@ TEST(ComputerUseIPCAction, MalformedActionsFailWithTheirReason) {
     ASSERT_FALSE(decoded.has_value()) << text;
     EXPECT_EQ(decoded.error().description, reason) << text;
   }
+  // Keys that name no case are ignored, as in every record.
+  const auto withExtra = ComputerUseIPCAction::fromJSON(
+      json::parse(R"({"click":{"_0":{"clickCount":1,"elementIndex":2,"mouseButton":0}},"hover":1})"));
+  ASSERT_TRUE(withExtra.has_value());
+  EXPECT_EQ(withExtra->caseName(), "click");
 }
 
 // The message a validation fails with, or "" when it passes.
@@ -125,6 +131,7 @@ TEST(ActionValidation, Scroll) {
       {{0, std::nullopt, std::nullopt, 0, nan}, badPages},
       {{0, std::nullopt, std::nullopt, 0, inf}, badPages},
       {{-1, std::nullopt, std::nullopt, 9, 0}, badIndex}, // the first failure wins
+      {{0, nan, inf, 0, 1}, ""},                         // an index leaves coordinates unchecked
   };
   for (const auto &[params, expected] : cases)
     EXPECT_EQ(verdict(params), expected) << params.toJSON();

@@ -188,9 +188,13 @@ TEST(ContractRecords, IntegersMustBeWholeAndInRange) {
                                                    {"bundleIdentifier", "b"}, {"bundlePath", "p"},
                                                    {"isHealthy", true}});
   };
-  for (const json &accepted : {json(2147483647), json(-2147483648LL), json(7.0), json(0)})
+  // Built in code (signed), parsed (unsigned when not negative), and as doubles.
+  for (const json &accepted : {json(2147483647), json(-2147483648LL), json(7.0), json(0), json::parse("2147483647"),
+                               json(2147483647.0), json(-2147483648.0)})
     EXPECT_TRUE(pid(accepted).has_value()) << accepted;
-  for (const json &refused : {json(2147483648LL), json(-2147483649LL), json(7.5), json("7"), json(true)})
+  for (const json &refused : {json(2147483648LL), json(-2147483649LL), json(7.5), json("7"), json(true),
+                              json::parse("2147483648"), json(2147483648.0), json(-2147483649.0),
+                              json::parse("18446744073709551615")})
     EXPECT_FALSE(pid(refused).has_value()) << refused;
   EXPECT_EQ(pid(2147483648LL).error().description, "Expected an integer in range for \"runtimePID\"");
 }

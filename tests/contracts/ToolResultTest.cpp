@@ -49,6 +49,25 @@ TEST(ToolResult, RuntimeBlocksBecomeContent) {
   }
 }
 
+TEST(ToolResult, MalformedResponsesFailWithTheirReason) {
+  const std::pair<std::string, std::string> cases[] = {
+      {R"({"content":"x","isError":false})", "Expected an array for \"content\""},
+      {R"({"content":["x"],"isError":false})", "Expected an object for ComputerUseIPCToolContentBlock"},
+      {R"({"content":[{"text":"x"}],"isError":false})", "Missing required key \"type\""},
+      {R"({"content":[],"isError":"no"})", "Expected a boolean for \"isError\""},
+      {R"({"content":[{"type":"image","data":"AAA"}],"isError":false})", "Expected standard padded base64 for \"data\""},
+      {R"({"content":[{"type":"image","data":"AA\nAA=="}],"isError":false})", "Expected standard padded base64 for \"data\""},
+      {R"({"content":[],"isError":false,"failure":{"kind":"oops"}})", "Unknown value for \"kind\""},
+  };
+  for (const auto &[text, reason] : cases) {
+    const auto decoded = ComputerUseIPCToolResultResponse::fromJSON(json::parse(text));
+    ASSERT_FALSE(decoded.has_value()) << text;
+    EXPECT_EQ(decoded.error().description, reason) << text;
+    const auto copied = ComputerUseIPCToolResultResponse::fromJSON(static_cast<const json &>(json::parse(text)));
+    EXPECT_FALSE(copied.has_value()) << text;
+  }
+}
+
 TEST(ToolResult, AResponseCarriesItsErrorFlagAndFailure) {
   auto response = ComputerUseIPCToolResultResponse::fromJSON(json::parse(
       R"({"content":[{"type":"text","text":"gone"}],"isError":true,"failure":{"kind":"appNotFound","detail":"Notes"}})"));
@@ -129,6 +148,7 @@ TEST(ToolError, MessagesAndFailures) {
   for (const auto &c : cases) {
     EXPECT_EQ(c.error.description(), c.message);
     EXPECT_EQ(c.error.failure().toJSON().dump(), c.failure) << c.message;
+    EXPECT_EQ(failureFrom(c.error), c.error.failure()) << c.message;
   }
 }
 

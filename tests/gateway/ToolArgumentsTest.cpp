@@ -2,6 +2,9 @@
 // the first failure's message.
 
 #include "gateway/ToolArguments.h"
+#include "support/JSON.h"
+
+#include <cmath>
 
 #include <gtest/gtest.h>
 
@@ -135,6 +138,21 @@ TEST(ToolArguments, PasteAcceptsExactlyFourMillionBytes) {
 TEST(ToolArguments, GetAppStateNeedsOnlyTheApp) {
   EXPECT_EQ(readGetAppStateArguments({{"app", "Notes"}, {"extra", 1}}), "Notes");
   EXPECT_EQ(readGetAppStateArguments(json::object()).error().description(), "Missing required argument: app");
+}
+
+} // namespace
+} // namespace tavix::test
+
+namespace tavix::test {
+namespace {
+
+// Drag does not check finiteness, so "inf" reads; such an action cannot be written as a
+// request, which is where it stops.
+TEST(ToolArguments, DragTakesNonFiniteTextAndItsRequestIsRefusedWhenWritten) {
+  const auto action = readDragArguments({{"app", "Preview"}, {"from_x", "inf"}, {"from_y", "nan"}, {"to_x", 1}, {"to_y", 2}});
+  ASSERT_TRUE(action.has_value());
+  EXPECT_TRUE(std::isinf(std::get<DragParams>(action->action.params).fromX));
+  EXPECT_EQ(serializeJSON(action->action.toJSON(), NonFiniteNumbers::refuse), std::nullopt);
 }
 
 } // namespace

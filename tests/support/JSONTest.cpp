@@ -53,7 +53,7 @@ TEST(JSONParse, DecidesAndReadsEveryInputAsNlohmannDoes) {
       "[]", "{}", "[1,2,3]", R"({"b":1,"a":[true,false,null]})", R"({"a":1,"a":2})",
       R"({"a":1,})", "[1,]", "[1 2]", R"({"a" 1})", R"({1:2})", " \t\r\n{} \n", "{} x", "{}{}",
       "", " ", "\xEF\xBB\xBF{}", "\xEF\xBB\xBF", "nul", "true", "false", "null", "tru",
-      std::string_view("[\0]", 3), "[1]\0",
+      std::string_view("[\0]", 3), std::string_view("[1]\0", 4), std::string_view("[1]\0x", 5),
   };
   for (std::string_view text : inputs)
     expectSameAsNlohmann(text);
@@ -137,9 +137,30 @@ TEST(JSONSerialize, LargeTextsWithAndWithoutEscapes) {
   }
 }
 
+TEST(JSONSerialize, UTF8AtTheEdgesOfEachSequenceLength) {
+  // The first and last code point of each length and around the surrogates: accepted.
+  for (const std::string text : {"\xc2\x80", "\xdf\xbf", "\xe0\xa0\x80", "\xed\x9f\xbf", "\xee\x80\x80",
+                                 "\xef\xbf\xbf", "\xf0\x90\x80\x80", "\xf4\x8f\xbf\xbf"}) {
+    SCOPED_TRACE(testing::PrintToString(text));
+    EXPECT_EQ(serializeJSON(json(text)), json(text).dump());
+  }
+}
+
+TEST(JSONSerialize, NonFiniteNumbersAreNullOrRefused) {
+  const json values[] = {std::numeric_limits<double>::quiet_NaN(), json::array({1, {{"a", -std::numeric_limits<double>::infinity()}}})};
+  for (const json &value : values) {
+    EXPECT_EQ(serializeJSON(value), value.dump());
+    EXPECT_EQ(serializeJSON(value, NonFiniteNumbers::refuse), std::nullopt);
+  }
+  EXPECT_EQ(serializeJSON(json::array({1.5, 2}), NonFiniteNumbers::refuse), "[1.5,2]");
+}
+
 TEST(JSONSerialize, TextThatIsNotUTF8IsRefusedAsDumpRefusesIt) {
+  // The first value past each edge, cut-off sequences, bad continuation bytes, bad leads.
   const std::string invalid[] = {"\xff", "ok\xc3", "\xc3\x28", "\xed\xa0\x80", "\xf4\x90\x80\x80",
-                                 "\xc0\xaf", "\xe0\x80\xaf", "\xf0\x80\x80\xaf", "12345678\x80"};
+                                 "\xc0\xaf", "\xc1\xbf", "\xe0\x80\xaf", "\xe0\x9f\xbf", "\xf0\x80\x80\xaf",
+                                 "\xf0\x8f\xbf\xbf", "\xe2\x82", "\xf0\x9f\x98", "\xe2\x28\xa1", "\xf0\x9f\x28\x80",
+                                 "\xf5\x80\x80\x80", "\x80", "12345678\x80"};
   for (const std::string &text : invalid) {
     SCOPED_TRACE(testing::PrintToString(text));
     EXPECT_THROW(json(text).dump(), json::type_error);
