@@ -121,18 +121,6 @@ Decoded<std::optional<T>> optional(const nlohmann::json &object, std::string_vie
   return std::optional<T>(std::move(*read));
 }
 
-// Writes `value` under `key` only when it is present.
-template <typename T>
-void putOptional(nlohmann::json &object, const char *key, const std::optional<T> &value) {
-  if (!value)
-    return;
-  if constexpr (requires { value->toJSON(); })
-    object[key] = value->toJSON();
-  else if constexpr (std::is_enum_v<T>)
-    object[key] = rawValue(*value);
-  else
-    object[key] = *value;
-}
 
 } // namespace decoding
 

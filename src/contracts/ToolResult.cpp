@@ -58,7 +58,8 @@ nlohmann::json ComputerUseIPCToolResultResponse::toJSON() const {
   for (const auto &block : content)
     blocks.push_back(block.toJSON());
   nlohmann::json json = {{"content", std::move(blocks)}, {"isError", isError}};
-  decoding::putOptional(json, "failure", failure);
+  if (failure)
+    json["failure"] = failure->toJSON();
   return json;
 }
 
