@@ -2,6 +2,7 @@
 // request, answering it and encoding a log line.
 
 #include "fakes/FakeMessageTransport.h"
+#include "fakes/ScriptedRequestTransport.h"
 #include "gateway/MCPToolGateway.h"
 #include "mcp/ComputerUseMCPServer.h"
 #include "mcp/StdioMessageReader.h"
@@ -37,8 +38,9 @@ void BM_PingIntake(benchmark::State &state) {
 BENCHMARK(BM_PingIntake);
 
 void BM_ToolsListResponse(benchmark::State &state) {
+  const auto client = std::make_shared<ComputerUseClient>(std::make_unique<test::ScriptedRequestTransport>());
   ComputerUseMCPServer server(ComputerUseMCPServer::Mode::computerUse,
-                              std::make_shared<MCPToolGateway>(MCPServerMode::computerUse));
+                              std::make_shared<MCPToolGateway>(MCPServerMode::computerUse, client));
   const auto toolsList = server.methods().at("tools/list");
   test::FakeMessageTransport transport;
   const auto channel = std::make_shared<JSONRPCResponseChannel>(transport);

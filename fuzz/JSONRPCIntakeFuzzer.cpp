@@ -1,9 +1,11 @@
-// Runs arbitrary message bytes through the dispatcher and the server's methods, and
+// Runs arbitrary message bytes through the dispatcher, the server's methods and the tool
+// gateway (over a transport that answers every request with a small tool result), and
 // checks what a host relies on: every answer is a JSON-RPC response, a request with an
 // id gets exactly one answer carrying that id, a notification gets none, and a message
 // that is not a request gets exactly one error without an id.
 
 #include "fakes/FakeMessageTransport.h"
+#include "fakes/CannedRequestTransport.h"
 #include "gateway/MCPToolGateway.h"
 #include "mcp/ComputerUseMCPServer.h"
 
@@ -14,9 +16,13 @@
 using nlohmann::json;
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+  static const auto client = std::make_shared<tavix::ComputerUseClient>(
+      std::make_unique<tavix::test::CannedRequestTransport>(R"({"content":[{"type":"text","text":"ok"}],"isError":false})"));
   static tavix::ComputerUseMCPServer server(
       tavix::MCPServerMode::computerUse,
-      std::make_shared<tavix::MCPToolGateway>(tavix::MCPServerMode::computerUse));
+      std::make_shared<tavix::MCPToolGateway>(tavix::MCPServerMode::computerUse, client,
+                                              tavix::AppInstructionProvider({}),
+                                              [](const char *) { return std::optional<std::string>(); }));
   // A request the queue runs after the input's: once it is answered, the input's request
   // has been too. At end of input requests that have not started are dropped, so input
   // stays open until then.

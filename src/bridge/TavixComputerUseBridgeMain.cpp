@@ -3,7 +3,7 @@
 #include "bridge/ModeWords.h"
 #include "bridge/ParentAuthorization.h"
 #include "bridge/TerminationSignals.h"
-#include "gateway/MCPToolGateway.h"
+#include "bridge/ToolsWithoutRuntime.h"
 #include "mcp/ComputerUseMCPServer.h"
 #include "platform/UnifiedLog.h"
 #include "support/FileName.h"
@@ -20,8 +20,9 @@ namespace {
 constexpr double logFileRefreshIntervalSeconds = 60.0;
 
 // Serves on the main thread; the signal handler thread cancels it through `cancellation`.
+// The runtime connection is not part of this build, so the tools answer without one.
 int serveMCP(MCPServerMode mode) {
-  ComputerUseMCPServer server(mode, std::make_shared<MCPToolGateway>(mode));
+  ComputerUseMCPServer server(mode, std::make_shared<ToolsWithoutRuntime>(mode));
   std::stop_source cancellation;
   installTerminationSignalHandlers([cancellation]() mutable { cancellation.request_stop(); });
   try {

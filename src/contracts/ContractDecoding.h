@@ -156,7 +156,7 @@ template <typename Record> nlohmann::json encodeFields(const Record &record) {
   nlohmann::json json = nlohmann::json::object();
   std::apply(
       [&](const auto &...fields) {
-        const auto put = [&](const auto &field) {
+        [[maybe_unused]] const auto put = [&](const auto &field) {
           const auto &value = record.*(field.member);
           if constexpr (decoding::IsOptional<std::decay_t<decltype(value)>>::value) {
             if (value)
@@ -179,7 +179,7 @@ Decoded<Record> decodeFields(const nlohmann::json &json, std::string_view record
   std::optional<DecodingError> failure;
   std::apply(
       [&](const auto &...fields) {
-        const auto read = [&](const auto &field) {
+        [[maybe_unused]] const auto read = [&](const auto &field) {
           if (failure)
             return;
           auto &target = record.*(field.member);

@@ -4,11 +4,20 @@
 
 namespace tavix {
 
-nlohmann::json ToolResultContent::toJSON() const {
-  if (const auto *text = std::get_if<Text>(&value))
-    return {{"type", "text"}, {"text", text->text}};
-  const auto &image = std::get<Image>(value);
-  return {{"type", "image"}, {"data", image.base64Data}, {"mimeType", image.mimeType}};
+nlohmann::json ToolResultContent::toJSON() const & { return ToolResultContent(*this).toJSON(); }
+
+nlohmann::json ToolResultContent::toJSON() && {
+  nlohmann::json json = nlohmann::json::object();
+  if (auto *text = std::get_if<Text>(&value)) {
+    json["type"] = "text";
+    json["text"] = std::move(text->text);
+    return json;
+  }
+  auto &image = std::get<Image>(value);
+  json["type"] = "image";
+  json["data"] = std::move(image.base64Data);
+  json["mimeType"] = std::move(image.mimeType);
+  return json;
 }
 
 ToolResult ToolResult::text(std::string message) {
@@ -19,10 +28,12 @@ ToolResult ToolResult::error(std::string message, std::optional<ComputerUseFailu
   return {{ToolResultContent::text(std::move(message))}, true, std::move(failure)};
 }
 
-nlohmann::json ToolResult::toJSON() const {
+nlohmann::json ToolResult::toJSON() const & { return ToolResult(*this).toJSON(); }
+
+nlohmann::json ToolResult::toJSON() && {
   nlohmann::json items = nlohmann::json::array();
-  for (const auto &item : content)
-    items.push_back(item.toJSON());
+  for (auto &item : content)
+    items.push_back(std::move(item).toJSON());
   nlohmann::json json = {{"content", std::move(items)}};
   if (isError)
     json["isError"] = true;

@@ -28,7 +28,9 @@ struct ToolResultContent {
   static ToolResultContent image(std::string base64Data, std::string mimeType) {
     return {Image{std::move(base64Data), std::move(mimeType)}};
   }
-  nlohmann::json toJSON() const;
+  nlohmann::json toJSON() const &;
+  // Moves the texts and image data into the JSON value instead of copying them.
+  nlohmann::json toJSON() &&;
   friend bool operator==(const ToolResultContent &, const ToolResultContent &) = default;
 };
 
@@ -41,7 +43,9 @@ struct ToolResult {
   static ToolResult error(std::string message, std::optional<ComputerUseFailure> failure);
   // The "result" of a tools/call answer: "content", and "isError" only when true. The
   // failure stays out.
-  nlohmann::json toJSON() const;
+  nlohmann::json toJSON() const &;
+  // As above, moving the content into the value: a screenshot is not copied.
+  nlohmann::json toJSON() &&;
   friend bool operator==(const ToolResult &, const ToolResult &) = default;
 };
 

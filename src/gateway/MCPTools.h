@@ -3,8 +3,12 @@
 // The gateway implements it and the entry point hands it to the server, so that the
 // server never depends on how a tool is carried out.
 
+#include "contracts/ComputerUseRequests.h"
+#include "gateway/ToolCallError.h"
+
 #include <nlohmann/json.hpp>
 
+#include <optional>
 #include <string>
 
 namespace tavix {
@@ -16,12 +20,12 @@ public:
   // The tool definitions that "tools/list" returns, in list order.
   virtual const nlohmann::json &list() const = 0;
 
-  // Runs one named tool with its "arguments" object and the request's "_meta" value
-  // (null when absent), and returns the tool result object ("content", and "isError"
-  // for a failed call). Runs with the request's context installed, so it can see the
-  // call's cancellation.
-  virtual nlohmann::json call(const std::string &toolName, const nlohmann::json &arguments,
-                              const nlohmann::json &meta) = 0;
+  // Runs one named tool with its "arguments" object and the host's turn, and returns its
+  // result, which may itself be an error result, or the error that ended the call. Runs
+  // on the calling thread with the request's context installed, and so sees the call's
+  // cancellation and correlation id.
+  virtual ToolCallResult dispatch(const std::string &toolName, const nlohmann::json &arguments,
+                                  const std::optional<ComputerUseHostTurnContext> &turnContext) = 0;
 };
 
 } // namespace tavix

@@ -138,4 +138,22 @@ Parsed<ToolAction> readTypeTextArguments(const ToolArgumentsObject &arguments) {
   return ToolAction{std::move(app), {std::move(params)}};
 }
 
+ActionReader actionReader(std::string_view toolName) {
+  static constexpr std::pair<std::string_view, ActionReader> readers[] = {
+      {"click", readClickArguments},
+      {"perform_secondary_action", readPerformSecondaryActionArguments},
+      {"set_value", readSetValueArguments},
+      {"select_text", readSelectTextArguments},
+      {"scroll", readScrollArguments},
+      {"drag", readDragArguments},
+      {"press_key", readPressKeyArguments},
+      {"type_text", readTypeTextArguments},
+      {"paste", readPasteArguments},
+  };
+  for (const auto &[name, reader] : readers)
+    if (name == toolName)
+      return reader;
+  return nullptr;
+}
+
 } // namespace tavix

@@ -29,4 +29,8 @@ Parsed<ToolAction> readPressKeyArguments(const ToolArgumentsObject &arguments);
 Parsed<ToolAction> readPasteArguments(const ToolArgumentsObject &arguments);
 Parsed<ToolAction> readTypeTextArguments(const ToolArgumentsObject &arguments);
 
+using ActionReader = Parsed<ToolAction> (*)(const ToolArgumentsObject &arguments);
+// The reader of a tool that performs one action ("click" … "paste"); null for any other name.
+ActionReader actionReader(std::string_view toolName);
+
 } // namespace tavix

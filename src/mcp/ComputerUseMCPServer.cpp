@@ -8,9 +8,16 @@
 
 namespace tavix {
 
-ComputerUseMCPServer::ComputerUseMCPServer(Mode mode, std::shared_ptr<MCPTools> tools)
-    : mode_(mode), tools_(std::move(tools)) {
+ComputerUseMCPServer::ComputerUseMCPServer(Mode mode, std::shared_ptr<MCPTools> tools,
+                                           std::shared_ptr<const ComputerUseClient> client, Options options)
+    : mode_(mode), tools_(std::move(tools)), client_(std::move(client)),
+      heartbeat_(client_ ? std::make_unique<RuntimeHeartbeat>(client_, std::move(options.heartbeat)) : nullptr) {
   assert(tools_ != nullptr);
+}
+
+void ComputerUseMCPServer::stopRuntimeHeartbeat() {
+  if (heartbeat_)
+    heartbeat_->stop();
 }
 
 std::string_view ComputerUseMCPServer::serverName() const {
@@ -41,20 +48,6 @@ nlohmann::json ComputerUseMCPServer::handleInitialize() const {
           {"capabilities", {{"tools", nlohmann::json::object()}}}};
 }
 
-void ComputerUseMCPServer::handleToolsCall(const JSONRPCRequest &request, JSONRPCReply reply) {
-  static const nlohmann::json emptyObject = nlohmann::json::object();
-  const nlohmann::json &params = request.params ? *request.params : emptyObject;
-  const auto name = params.find("name");
-  if (name == params.end() || !name->is_string())
-    return reply.error(JSONRPCError::invalidParamsCode, JSONRPCError::missingToolNameMessage);
-  const auto arguments = params.find("arguments");
-  const auto meta = params.find("_meta");
-  reply(tools_->call(name->get<std::string>(),
-                     arguments != params.end() && arguments->is_object() ? *arguments
-                                                                         : emptyObject,
-                     meta != params.end() ? *meta : nlohmann::json()));
-}
-
 void ComputerUseMCPServer::start(const MCPTransport &transport, std::stop_token stop) {
   if (transport.kind == MCPTransport::Kind::sse) {
     LogFields fields = {{"transport", "sse"}};
@@ -73,6 +66,7 @@ void runStdioTransport(ComputerUseMCPServer &server, int inputFd, int outputFd,
   JSONRPCDispatcher dispatcher(transport, server.methods());
   std::stop_callback onCancel(stop, [&transport] { transport.close(); });
   dispatcher.serve();
+  server.stopRuntimeHeartbeat();
 }
 
 std::string urlHost(std::string_view url) {

@@ -1,11 +1,14 @@
 #pragma once
 // The MCP server: its identity, its methods and the transports it can serve.
 
+#include "client/ComputerUseClient.h"
 #include "gateway/MCPServerMode.h"
 #include "gateway/MCPTools.h"
 #include "mcp/JSONRPCDispatcher.h"
+#include "mcp/RuntimeHeartbeat.h"
 #include "mcp/StdioMessageWriter.h"
 
+#include <chrono>
 #include <memory>
 #include <stop_token>
 #include <string>
@@ -28,8 +31,14 @@ class ComputerUseMCPServer {
 public:
   using Mode = MCPServerMode;
 
-  // `tools` is never null.
-  ComputerUseMCPServer(Mode mode, std::shared_ptr<MCPTools> tools);
+  struct Options {
+    RuntimeHeartbeat::Options heartbeat;
+  };
+
+  // `tools` is never null. `client` reaches the runtime app the tools use; without one
+  // there is no heartbeat.
+  ComputerUseMCPServer(Mode mode, std::shared_ptr<MCPTools> tools,
+                       std::shared_ptr<const ComputerUseClient> client = nullptr, Options options = {});
 
   std::string_view serverName() const;
 
@@ -41,12 +50,24 @@ public:
   // served; asking for server-sent events logs that it is unavailable and returns.
   void start(const MCPTransport &transport, std::stop_token stop);
 
+  // Called when the transport ends: no heartbeat outlives the connection.
+  void stopRuntimeHeartbeat();
+  bool isRuntimeHeartbeatRunning() const { return heartbeat_ && heartbeat_->isRunning(); }
+
 private:
   nlohmann::json handleInitialize() const;
+  // Runs with the request queue's correlation id, or a new one, bound for the whole call.
   void handleToolsCall(const JSONRPCRequest &request, JSONRPCReply reply);
+  void handleCorrelatedToolsCall(const JSONRPCRequest &request, JSONRPCReply reply);
+  // The tool's result, or its failure as an error result, with the end of the call logged.
+  ToolResult runTool(const std::string &tool, const nlohmann::json &arguments,
+                     const std::optional<ComputerUseHostTurnContext> &turnContext,
+                     std::chrono::steady_clock::time_point start);
 
   const Mode mode_;
   const std::shared_ptr<MCPTools> tools_;
+  const std::shared_ptr<const ComputerUseClient> client_;
+  const std::unique_ptr<RuntimeHeartbeat> heartbeat_; // null without a client
 };
 
 // Serves one connection over a pair of descriptors: a stdio transport with a dispatcher

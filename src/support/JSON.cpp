@@ -325,4 +325,13 @@ std::optional<std::string> serializeJSON(const Json &value, NonFiniteNumbers non
   }
 }
 
+std::optional<std::string> prettyJSON(const Json &value) {
+  // Only short texts for the model come here, so nlohmann's own recursive writer serves.
+  try {
+    return value.dump(2);
+  } catch (const Json::exception &) {
+    return std::nullopt;
+  }
+}
+
 } // namespace tavix

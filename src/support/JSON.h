@@ -43,4 +43,8 @@ enum class NonFiniteNumbers {
 std::optional<std::string> serializeJSON(const nlohmann::json &value,
                                          NonFiniteNumbers nonFinite = NonFiniteNumbers::asNull);
 
+// An indented text of a small value, for the model to read: two spaces a level, keys in
+// sorted order. Nothing when a text in it is not UTF-8.
+std::optional<std::string> prettyJSON(const nlohmann::json &value);
+
 } // namespace tavix

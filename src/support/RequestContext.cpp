@@ -20,6 +20,20 @@ std::shared_ptr<const RequestContext> RequestContext::current() {
   return context ? context : *empty;
 }
 
+std::shared_ptr<const RequestContext>
+RequestContext::withCorrelationID(std::string correlationID) const {
+  auto derived = std::make_shared<RequestContext>(*this);
+  derived->correlationID_ = std::move(correlationID);
+  return derived;
+}
+
+std::shared_ptr<const RequestContext>
+RequestContext::withSessionID(std::optional<std::string> sessionID) const {
+  auto derived = std::make_shared<RequestContext>(*this);
+  derived->sessionID_ = std::move(sessionID);
+  return derived;
+}
+
 WithRequestContext::WithRequestContext(std::shared_ptr<const RequestContext> context)
     : previous_(std::exchange(threadContext(), std::move(context))) {}
 

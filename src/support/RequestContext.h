@@ -1,9 +1,12 @@
 #pragma once
 // Values that belong to the request a thread is serving: its correlation id (which every
-// log line carries) and its cancellation. A context is immutable; work that moves to
-// another thread captures `current()` and installs it there with `WithRequestContext`.
+// log line carries), its cancellation, and the host session its tool call acts for. A
+// context is immutable; a scope that adds a value installs a derived copy, and work that
+// moves to another thread captures `current()` and installs it there with
+// `WithRequestContext`.
 
 #include <memory>
+#include <optional>
 #include <stop_token>
 #include <string>
 
@@ -23,10 +26,17 @@ public:
   // Fires when the host cancels the request or the connection stops.
   const std::stop_token &cancellation() const { return cancellation_; }
   bool isCancelled() const { return cancellation_.stop_requested(); }
+  // The host chat session of the tool call, which every request it sends carries.
+  const std::optional<std::string> &sessionID() const { return sessionID_; }
+
+  // This context with one value replaced.
+  std::shared_ptr<const RequestContext> withCorrelationID(std::string correlationID) const;
+  std::shared_ptr<const RequestContext> withSessionID(std::optional<std::string> sessionID) const;
 
 private:
   std::string correlationID_;
   std::stop_token cancellation_;
+  std::optional<std::string> sessionID_;
 };
 
 // Installs a context for the life of this object on the current thread, then restores

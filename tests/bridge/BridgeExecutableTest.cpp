@@ -147,6 +147,30 @@ TEST(BridgeJSONRPC, NewlineFramedAnswersMatchByteForByte) {
   EXPECT_EQ(bridge->wait(), 0);
 }
 
+TEST(BridgeToolCalls, WithoutARuntimeEveryToolCallIsAnErrorResultFramedInTheLog) {
+  const struct {
+    std::vector<std::string> mode;
+    std::string tool;
+  } cases[] = {{{"mcp"}, "click"}, {{"event-stream", "mcp"}, "event_stream_status"}};
+  for (const auto &c : cases) {
+    SCOPED_TRACE(c.tool);
+    auto bridge = startBridge(c.mode);
+    bridge->write(R"({"jsonrpc":"2.0","id":9,"method":"tools/call","params":{"name":")" + c.tool +
+                  R"(","arguments":{"app":"Notes"}}})" "\n");
+    EXPECT_EQ(bridge->readLine(), R"({"id":9,"jsonrpc":"2.0","result":{"content":[{"text":"Internal error: tool )"
+                                  R"(dispatch is not available in this build of the bridge.","type":"text"}],"isError":true}})");
+    bridge->closeInput();
+    EXPECT_EQ(bridge->wait(), 0);
+    const std::string log = bridge->log();
+    const auto started = logLinesWithEvent(log, "tool_call_started");
+    ASSERT_EQ(started.size(), 1u) << log;
+    EXPECT_NE(started[0].find(" appBundleID=Notes mcpRequestID=9 tool=" + c.tool), std::string::npos) << started[0];
+    const auto finished = logLinesWithEvent(log, "tool_call_finished");
+    ASSERT_EQ(finished.size(), 1u) << log;
+    EXPECT_NE(finished[0].find(" outcome=tool_error tool=" + c.tool), std::string::npos) << finished[0];
+  }
+}
+
 TEST(BridgeJSONRPC, ContentLengthFramedAnswersMatchByteForByte) {
   auto bridge = startBridge({"mcp"});
   for (const auto &exchange : errorTable()) {

@@ -15,14 +15,13 @@ public:
     static const nlohmann::json none = nlohmann::json::array();
     return none;
   }
-  nlohmann::json call(const std::string &toolName, const nlohmann::json &arguments,
-                          const nlohmann::json &) override {
+  // A text result naming the tool, its arguments and whether the call was cancelled.
+  ToolCallResult dispatch(const std::string &toolName, const nlohmann::json &arguments,
+                          const std::optional<ComputerUseHostTurnContext> &) override {
     const auto context = RequestContext::current();
     Log::info(LogCategory::tools, "test_tool_dispatched", {{"tool", toolName}});
     const bool cancelled = pass(toolName, context->correlationID(), context->cancellation());
-    return {{"content", nlohmann::json::array({{{"type", "text"}, {"text", toolName}}})},
-            {"arguments", arguments},
-            {"cancelled", cancelled}};
+    return ToolResult::text(toolName + " " + arguments.dump() + (cancelled ? " cancelled" : ""));
   }
 };
 

@@ -1,6 +1,7 @@
 #pragma once
 // Captures the logger's standard-error lines for the life of the object, and sends
-// unified-log lines to the given log (none by default).
+// unified-log lines to the given log (none by default). Rate limits read the given
+// monotonic clock, or the real one.
 
 #include "platform/UnifiedLog.h"
 #include "logging/Logger.h"
@@ -14,9 +15,12 @@ namespace tavix::test {
 
 class CapturedLog {
 public:
-  explicit CapturedLog(std::shared_ptr<UnifiedLog> unifiedLog = nullptr) {
+  explicit CapturedLog(std::shared_ptr<UnifiedLog> unifiedLog = nullptr,
+                       std::function<std::chrono::steady_clock::time_point()> monotonicNow = nullptr) {
     auto sinks = Log::defaultSinks();
     sinks.unifiedLog = std::move(unifiedLog);
+    if (monotonicNow)
+      sinks.monotonicNow = std::move(monotonicNow);
     sinks.writeStderr = [this](std::string_view line) {
       std::lock_guard guard(lock_);
       lines_.emplace_back(line);

@@ -8,30 +8,14 @@
 
 #include <gtest/gtest.h>
 
-#include <functional>
-#include <map>
 
 namespace tavix::test {
 namespace {
 
 using nlohmann::json;
-using Reader = std::function<Parsed<ToolAction>(const json &)>;
-
-const std::map<std::string, Reader> readers = {
-    {"click", readClickArguments},
-    {"perform_secondary_action", readPerformSecondaryActionArguments},
-    {"set_value", readSetValueArguments},
-    {"select_text", readSelectTextArguments},
-    {"scroll", readScrollArguments},
-    {"drag", readDragArguments},
-    {"press_key", readPressKeyArguments},
-    {"paste", readPasteArguments},
-    {"type_text", readTypeTextArguments},
-};
-
 // "{app, action}" as compact JSON, or "! message".
 std::string read(const std::string &tool, const json &arguments) {
-  const auto action = readers.at(tool)(arguments);
+  const auto action = actionReader(tool)(arguments);
   if (!action)
     return "! " + action.error().description();
   return json{{"app", action->app}, {"action", action->action.toJSON()}}.dump();
@@ -133,6 +117,14 @@ TEST(ToolArguments, PasteAcceptsExactlyFourMillionBytes) {
   const auto action = readPasteArguments({{"app", "Mail"}, {"text", std::string(4000000, 'a')}});
   ASSERT_TRUE(action.has_value());
   EXPECT_EQ(std::get<PasteParams>(action->action.params).text.size(), 4000000u);
+}
+
+TEST(ToolArguments, OnlyTheNineActionToolsHaveAnActionReader) {
+  for (const char *tool : {"click", "perform_secondary_action", "set_value", "select_text", "scroll", "drag",
+                           "press_key", "type_text", "paste"})
+    EXPECT_NE(actionReader(tool), nullptr) << tool;
+  for (const char *tool : {"list_apps", "get_app_state", "event_stream_start", "Click", "click ", ""})
+    EXPECT_EQ(actionReader(tool), nullptr) << tool;
 }
 
 TEST(ToolArguments, GetAppStateNeedsOnlyTheApp) {

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Fails when a source folder includes a header from a folder above it. Dependencies point
-# one way: bridge -> mcp -> gateway -> contracts, and every layer may use logging, config, support and
+# one way: bridge -> mcp -> gateway -> client -> contracts, and every layer may use logging, config, support and
 # the platform interfaces; logging -> config -> support. Only platform/<os>/ holds the
 # implementations of the platform interfaces, and nothing else includes them. A folder of
 # src/ that this table does not know fails too, so that a new layer states its place.
@@ -8,9 +8,10 @@
 set -euo pipefail
 src=$1
 declare -A allowed=(
-  [bridge]="bridge mcp gateway contracts logging config support platform"
-  [mcp]="mcp gateway contracts logging config support platform"
-  [gateway]="gateway contracts logging config support platform"
+  [bridge]="bridge mcp gateway client contracts logging config support platform"
+  [mcp]="mcp gateway client contracts logging config support platform"
+  [gateway]="gateway client contracts logging config support platform"
+  [client]="client contracts logging config support platform"
   [contracts]="contracts support"
   [logging]="logging config support platform"
   [config]="config support platform"

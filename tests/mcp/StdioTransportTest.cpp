@@ -60,11 +60,8 @@ protected:
   }
   static json toolResult(const json &id, const std::string &tool, const json &arguments,
                          bool cancelled = false) {
-    return {{"jsonrpc", "2.0"},
-            {"id", id},
-            {"result", {{"content", json::array({{{"type", "text"}, {"text", tool}}})},
-                        {"arguments", arguments},
-                        {"cancelled", cancelled}}}};
+    const std::string text = tool + " " + arguments.dump() + (cancelled ? " cancelled" : "");
+    return {{"jsonrpc", "2.0"}, {"id", id}, {"result", {{"content", json::array({{{"type", "text"}, {"text", text}}})}}}};
   }
 
   CapturedLog log_;

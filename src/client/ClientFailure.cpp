@@ -1,0 +1,71 @@
+#include "client/ClientFailure.h"
+
+namespace tavix {
+namespace {
+
+std::string describeIPCError(ComputerUseIPCError error) {
+  const auto named = [error](const char *name) {
+    return "Runtime IPC error " + std::string(name) + " (" + std::to_string(static_cast<int32_t>(error)) + ")";
+  };
+  switch (error) {
+  case ComputerUseIPCError::unknown:
+    return named("unknown");
+  case ComputerUseIPCError::authorizationFailed:
+    return named("authorizationFailed");
+  case ComputerUseIPCError::uiElementError:
+    return named("uiElementError");
+  case ComputerUseIPCError::bundleIdLookupError:
+    return named("bundleIdLookupError");
+  case ComputerUseIPCError::timeout:
+    return named("timeout");
+  case ComputerUseIPCError::cancelled:
+    return named("cancelled");
+  case ComputerUseIPCError::urlBlocklist:
+    return named("urlBlocklist");
+  case ComputerUseIPCError::rateLimited:
+    return named("rateLimited") + ": too many requests to the runtime app are in flight; retry shortly";
+  }
+  return named("unknown");
+}
+
+} // namespace
+
+std::string describe(const ClientFailure &failure) {
+  struct Describe {
+    std::string operator()(const ClientError &error) const { return error.description(); }
+    std::string operator()(const ServerError &error) const { return error.description(); }
+    std::string operator()(ComputerUseIPCError error) const { return describeIPCError(error); }
+    std::string operator()(const ComputerUseClientError &error) const { return error.description(); }
+    std::string operator()(CancellationError) const { return "The request was cancelled."; }
+  };
+  return std::visit(Describe{}, failure);
+}
+
+LogError logError(const ClientFailure &failure) {
+  struct Describe {
+    LogError operator()(const ClientError &error) const {
+      // A failed send is known by its status; the other kinds by their number.
+      return {"ClientError", "tavix.client",
+              error.kind() == ClientError::Kind::sendFailed ? error.status() : static_cast<int64_t>(error.kind())};
+    }
+    LogError operator()(const ServerError &error) const { return {"ServerError", "tavix.runtime", error.code}; }
+    LogError operator()(ComputerUseIPCError error) const {
+      return {"ComputerUseIPCError", "tavix.ipc", static_cast<int32_t>(error)};
+    }
+    LogError operator()(const ComputerUseClientError &error) const {
+      return {"ComputerUseClientError", "tavix.client", static_cast<int64_t>(error.kind)};
+    }
+    LogError operator()(CancellationError) const { return {"CancellationError", "tavix.task", 0}; }
+  };
+  return std::visit(Describe{}, failure);
+}
+
+ComputerUseFailure failureFrom(const ClientFailure &failure) {
+  if (std::holds_alternative<CancellationError>(failure))
+    return ComputerUseFailure::cancelled();
+  if (const auto *error = std::get_if<ComputerUseIPCError>(&failure))
+    return failureFrom(*error);
+  return ComputerUseFailure::unknownError();
+}
+
+} // namespace tavix

@@ -1,0 +1,35 @@
+#pragma once
+// What the client needs of a way to reach the runtime app: send the JSON bytes of one
+// request under its type name and get the reply's bytes back.
+
+#include "client/ClientFailure.h"
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace tavix {
+
+class ComputerUseRequestTransport {
+public:
+  virtual ~ComputerUseRequestTransport() = default;
+
+  // A short name for logs and diagnostics.
+  virtual std::string_view transportName() const = 0;
+
+  // Whether a runtime app is selected and the transport believes it is talking to it.
+  virtual bool hasEstablishedConnection() const { return false; }
+
+  // Sends one request and returns the reply's JSON bytes. Without a time-out the
+  // transport applies its own per-request default and retry policy; with one it sends
+  // once. Blocks the calling thread, and ends early when the call's cancellation (in the
+  // current request context) fires.
+  virtual ClientResult<std::string> send(std::string_view requestType, const std::string &requestData,
+                                         std::optional<double> timeoutSeconds) = 0;
+
+  ClientResult<std::string> send(std::string_view requestType, const std::string &requestData) {
+    return send(requestType, requestData, std::nullopt);
+  }
+};
+
+} // namespace tavix
