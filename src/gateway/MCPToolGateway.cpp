@@ -72,15 +72,15 @@ ToolCallResult MCPToolGateway::runAction(ActionReader read, const nlohmann::json
   auto action = read(arguments);
   if (!action)
     return tl::unexpected(ToolCallError(std::move(action.error())));
-  return sendAction(action->app, action->action);
+  return sendAction(std::move(action->app), std::move(action->action));
 }
 
 ToolCallResult MCPToolGateway::listApps() const { return toolResultOf(client_->send(ComputerUseIPCListAppsRequest{})); }
 
-ToolCallResult MCPToolGateway::sendAction(const std::string &app, const ComputerUseIPCAction &action) const {
+ToolCallResult MCPToolGateway::sendAction(std::string app, ComputerUseIPCAction action) const {
   ComputerUseIPCAppPerformActionRequest request;
-  request.app = app;
-  request.action = action;
+  request.app = std::move(app);
+  request.action = std::move(action);
   request.sessionId = MCPToolRequestScope::sessionId();
   return toolResultOf(client_->send(request));
 }

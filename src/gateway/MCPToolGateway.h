@@ -32,8 +32,9 @@ public:
   ToolCallResult dispatch(const std::string &toolName, const nlohmann::json &arguments,
                           const std::optional<ComputerUseHostTurnContext> &turnContext) override;
 
-  // One action for one app, in the current call's session.
-  ToolCallResult sendAction(const std::string &app, const ComputerUseIPCAction &action) const;
+  // One action for one app, in the current call's session. Taken by value: a paste's text
+  // moves into the request instead of being copied.
+  ToolCallResult sendAction(std::string app, ComputerUseIPCAction action) const;
   ToolCallResult getAppState(const nlohmann::json &arguments);
   ToolCallResult listApps() const;
 
