@@ -4,28 +4,11 @@ namespace tavix {
 namespace {
 
 std::string describeIPCError(ComputerUseIPCError error) {
-  const auto named = [error](const char *name) {
-    return "Runtime IPC error " + std::string(name) + " (" + std::to_string(static_cast<int32_t>(error)) + ")";
-  };
-  switch (error) {
-  case ComputerUseIPCError::unknown:
-    return named("unknown");
-  case ComputerUseIPCError::authorizationFailed:
-    return named("authorizationFailed");
-  case ComputerUseIPCError::uiElementError:
-    return named("uiElementError");
-  case ComputerUseIPCError::bundleIdLookupError:
-    return named("bundleIdLookupError");
-  case ComputerUseIPCError::timeout:
-    return named("timeout");
-  case ComputerUseIPCError::cancelled:
-    return named("cancelled");
-  case ComputerUseIPCError::urlBlocklist:
-    return named("urlBlocklist");
-  case ComputerUseIPCError::rateLimited:
-    return named("rateLimited") + ": too many requests to the runtime app are in flight; retry shortly";
-  }
-  return named("unknown");
+  std::string text = "Runtime IPC error " + std::string(caseName(error)) + " (" +
+                     std::to_string(static_cast<int32_t>(error)) + ")";
+  if (error == ComputerUseIPCError::rateLimited)
+    text += ": too many requests to the runtime app are in flight; retry shortly";
+  return text;
 }
 
 } // namespace

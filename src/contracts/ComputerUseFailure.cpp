@@ -1,6 +1,22 @@
 #include "contracts/ComputerUseFailure.h"
 
+#include <utility>
+
 namespace tavix {
+
+std::string_view caseName(ComputerUseIPCError error) {
+  using E = ComputerUseIPCError;
+  static constexpr std::pair<E, std::string_view> names[] = {
+      {E::unknown, "unknown"},         {E::authorizationFailed, "authorizationFailed"},
+      {E::uiElementError, "uiElementError"}, {E::bundleIdLookupError, "bundleIdLookupError"},
+      {E::timeout, "timeout"},         {E::cancelled, "cancelled"},
+      {E::urlBlocklist, "urlBlocklist"}, {E::rateLimited, "rateLimited"},
+  };
+  for (const auto &[value, name] : names)
+    if (value == error)
+      return name;
+  return "unknown";
+}
 
 ComputerUseFailure failureFrom(ComputerUseIPCError error) {
   using Kind = ComputerUseFailure::Kind;

@@ -75,6 +75,9 @@ enum class ComputerUseIPCError : int32_t {
   rateLimited = -10016,
 };
 
+// The case's name, as "rateLimited".
+std::string_view caseName(ComputerUseIPCError error);
+
 // The failure an IPC error reports: its kind, and its code as `nativeCode`.
 ComputerUseFailure failureFrom(ComputerUseIPCError error);
 

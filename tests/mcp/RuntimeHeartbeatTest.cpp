@@ -62,6 +62,18 @@ ComputerUseMCPServer::Options steppedBy(SteppedWaits &waits) {
   return options;
 }
 
+// A server whose heartbeat steps when the test says, over a runtime that answers tools and
+// heartbeats and counts as connected once it has answered.
+struct SteppedServer {
+  explicit SteppedServer(ScriptedRequestTransport::Reply heartbeat = healthReply) {
+    harness.runtime().establishOnReply(true);
+    harness.runtime().scriptDefault(textReply);
+    harness.runtime().script("ComputerUseIPCHealthRequest", {std::move(heartbeat)});
+  }
+  SteppedWaits waits;
+  ToolCallHarness harness{MCPServerMode::computerUse, {}, steppedBy(waits)};
+};
+
 std::vector<ScriptedRequestTransport::Sent> heartbeats(const ScriptedRequestTransport &runtime) {
   std::vector<ScriptedRequestTransport::Sent> found;
   for (const auto &request : runtime.sent())
@@ -71,11 +83,9 @@ std::vector<ScriptedRequestTransport::Sent> heartbeats(const ScriptedRequestTran
 }
 
 TEST(RuntimeHeartbeat, TheFirstCallThatReachesTheRuntimeStartsItAtItsInterval) {
-  SteppedWaits waits;
-  ToolCallHarness harness(MCPServerMode::computerUse, {}, steppedBy(waits));
-  harness.runtime().establishOnReply(true);
-  harness.runtime().scriptDefault(textReply);
-  harness.runtime().script("ComputerUseIPCHealthRequest", {healthReply});
+  SteppedServer stepped;
+  SteppedWaits &waits = stepped.waits;
+  ToolCallHarness &harness = stepped.harness;
   EXPECT_FALSE(harness.server().isRuntimeHeartbeatRunning());
   harness.call(listApps);
   EXPECT_TRUE(harness.server().isRuntimeHeartbeatRunning());
@@ -123,11 +133,9 @@ TEST(RuntimeHeartbeat, OnlyACallThatEstablishesTheConnectionStartsIt) {
 }
 
 TEST(RuntimeHeartbeat, ItStartsAtMostOnce) {
-  SteppedWaits waits;
-  ToolCallHarness harness(MCPServerMode::computerUse, {}, steppedBy(waits));
-  harness.runtime().establishOnReply(true);
-  harness.runtime().scriptDefault(textReply);
-  harness.runtime().script("ComputerUseIPCHealthRequest", {healthReply});
+  SteppedServer stepped;
+  SteppedWaits &waits = stepped.waits;
+  ToolCallHarness &harness = stepped.harness;
   harness.call(listApps);
   waits.begun(1); // the heartbeat waits, so nothing but the calls changes the connection
   for (int i = 0; i < 2; ++i) {
@@ -147,12 +155,9 @@ TEST(RuntimeHeartbeat, FailuresAreLoggedAtMostOnceEveryTwoMinutes) {
   std::atomic<std::chrono::steady_clock::duration> elapsed{};
   const auto start = std::chrono::steady_clock::now();
   CapturedLog log(nullptr, [&] { return start + elapsed.load(); });
-  SteppedWaits waits;
-  ToolCallHarness harness(MCPServerMode::computerUse, {}, steppedBy(waits));
-  harness.runtime().establishOnReply(true);
-  harness.runtime().scriptDefault(textReply);
-  harness.runtime().script("ComputerUseIPCHealthRequest",
-                           {tl::unexpected(ClientFailure(ClientError::sendFailed(-1712, "ComputerUseIPCHealthRequest", 2)))});
+  SteppedServer stepped(tl::unexpected(ClientFailure(ClientError::sendFailed(-1712, "ComputerUseIPCHealthRequest", 2))));
+  SteppedWaits &waits = stepped.waits;
+  ToolCallHarness &harness = stepped.harness;
   harness.call(listApps);
   const auto failureLines = [&](size_t waitsBegun) {
     waits.begun(waitsBegun);
@@ -177,11 +182,9 @@ TEST(RuntimeHeartbeat, FailuresAreLoggedAtMostOnceEveryTwoMinutes) {
 
 TEST(RuntimeHeartbeat, StoppingCancelsTheHeartbeatUnderWay) {
   CapturedLog log;
-  SteppedWaits waits;
-  ToolCallHarness harness(MCPServerMode::computerUse, {}, steppedBy(waits));
-  harness.runtime().establishOnReply(true);
-  harness.runtime().scriptDefault(textReply);
-  harness.runtime().script("ComputerUseIPCHealthRequest", {healthReply});
+  SteppedServer stepped;
+  SteppedWaits &waits = stepped.waits;
+  ToolCallHarness &harness = stepped.harness;
   harness.call(listApps);
   waits.begun(1);
   harness.runtime().hold();
