@@ -3,7 +3,9 @@
 #include "bridge/ModeWords.h"
 #include "bridge/ParentAuthorization.h"
 #include "bridge/TerminationSignals.h"
-#include "bridge/ToolsWithoutRuntime.h"
+#include "client/AppleEventComputerUseTransport.h"
+#include "client/ComputerUseClient.h"
+#include "gateway/MCPToolGateway.h"
 #include "mcp/ComputerUseMCPServer.h"
 #include "platform/UnifiedLog.h"
 #include "support/FileName.h"
@@ -19,10 +21,15 @@ namespace {
 // How often the log file is checked against the host's newest log session.
 constexpr double logFileRefreshIntervalSeconds = 60.0;
 
+// The version of the client protocol that every event to the runtime app carries.
+constexpr const char *clientVersion = "1.0";
+
 // Serves on the main thread; the signal handler thread cancels it through `cancellation`.
-// The runtime connection is not part of this build, so the tools answer without one.
+// One client to the runtime app serves the tools and the heartbeat.
 int serveMCP(MCPServerMode mode) {
-  ComputerUseMCPServer server(mode, std::make_shared<ToolsWithoutRuntime>(mode));
+  auto client =
+      std::make_shared<const ComputerUseClient>(AppleEventComputerUseTransport::makeSystemTransport(clientVersion));
+  ComputerUseMCPServer server(mode, std::make_shared<MCPToolGateway>(mode, client), client);
   std::stop_source cancellation;
   installTerminationSignalHandlers([cancellation]() mutable { cancellation.request_stop(); });
   try {

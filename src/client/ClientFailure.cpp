@@ -24,6 +24,14 @@ std::string describe(const ClientFailure &failure) {
   return std::visit(Describe{}, failure);
 }
 
+bool isRequestTimeout(const ClientFailure &failure) {
+  if (const auto *ipc = std::get_if<ComputerUseIPCError>(&failure))
+    return *ipc == ComputerUseIPCError::timeout;
+  const auto *client = std::get_if<ClientError>(&failure);
+  return client != nullptr && client->kind() == ClientError::Kind::sendFailed &&
+         client->status() == ClientError::timedOutStatus;
+}
+
 LogError logError(const ClientFailure &failure) {
   struct Describe {
     LogError operator()(const ClientError &error) const {

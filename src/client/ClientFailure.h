@@ -32,6 +32,10 @@ std::string describe(const ClientFailure &failure);
 // anything else as "unknown".
 ComputerUseFailure failureFrom(const ClientFailure &failure);
 
+// Whether the failure means the request got no answer in time: the time-out race's
+// `timeout`, or a send that the system reports as timed out.
+bool isRequestTimeout(const ClientFailure &failure);
+
 // The failure as a log line shows it: its type and a code, never its text, which may
 // quote what the user typed.
 LogError logError(const ClientFailure &failure);

@@ -21,7 +21,7 @@ ClientResult<nlohmann::json> ComputerUseClient::sendJSON(std::string_view reques
   const auto bytes = serializeJSON(request, NonFiniteNumbers::refuse);
   if (!bytes)
     return tl::unexpected(ClientFailure(ComputerUseClientError::encodingFailed(std::string(requestType))));
-  auto reply = transport_->send(requestType, *bytes, timeoutSeconds);
+  auto reply = transport_->send(requestType, std::move(*bytes), timeoutSeconds);
   if (!reply)
     return tl::unexpected(std::move(reply.error()));
   auto value = parseJSON(*reply);

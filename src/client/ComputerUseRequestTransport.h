@@ -23,12 +23,13 @@ public:
   // Sends one request and returns the reply's JSON bytes. Without a time-out the
   // transport applies its own per-request default and retry policy; with one it sends
   // once. Blocks the calling thread, and ends early when the call's cancellation (in the
-  // current request context) fires.
-  virtual ClientResult<std::string> send(std::string_view requestType, const std::string &requestData,
+  // current request context) fires. The bytes are handed over, so that a transport that
+  // keeps them past the call (a send it stopped waiting for) need not copy them.
+  virtual ClientResult<std::string> send(std::string_view requestType, std::string requestData,
                                          std::optional<double> timeoutSeconds) = 0;
 
-  ClientResult<std::string> send(std::string_view requestType, const std::string &requestData) {
-    return send(requestType, requestData, std::nullopt);
+  ClientResult<std::string> send(std::string_view requestType, std::string requestData) {
+    return send(requestType, std::move(requestData), std::nullopt);
   }
 };
 

@@ -22,7 +22,8 @@ struct LogDirectory {
 };
 
 // The bridge as a host starts it, with a log directory of its own: the bridge sends its
-// standard error there.
+// standard error there. Unless a test says otherwise, it finds no session bus and no
+// runtime app to launch, whatever the machine has.
 class Bridge : private LogDirectory, public ChildProcess {
 public:
   Bridge(std::vector<std::string> modeWords, std::map<std::string, std::string> env,
@@ -44,6 +45,8 @@ private:
   static std::map<std::string, std::string> withLogDirectory(std::map<std::string, std::string> env,
                                                              const std::string &directory) {
     env.emplace("TAVIX_CU_LOG_DIR", directory);
+    env.emplace("DBUS_SESSION_BUS_ADDRESS", "unix:path=" + directory + "/no-bus");
+    env.emplace("TAVIX_COMPUTER_USE_RUNTIME_PATH", directory + "/no-runtime");
     return env;
   }
 };
@@ -147,18 +150,19 @@ TEST(BridgeJSONRPC, NewlineFramedAnswersMatchByteForByte) {
   EXPECT_EQ(bridge->wait(), 0);
 }
 
-TEST(BridgeToolCalls, WithoutARuntimeEveryToolCallIsAnErrorResultFramedInTheLog) {
+TEST(BridgeToolCalls, WithoutARuntimeToLaunchEveryToolCallIsAnErrorResultFramedInTheLog) {
   const struct {
     std::vector<std::string> mode;
     std::string tool;
-  } cases[] = {{{"mcp"}, "click"}, {{"event-stream", "mcp"}, "event_stream_status"}};
+  } cases[] = {{{"mcp"}, "list_apps"}, {{"event-stream", "mcp"}, "event_stream_status"}};
   for (const auto &c : cases) {
     SCOPED_TRACE(c.tool);
     auto bridge = startBridge(c.mode);
     bridge->write(R"({"jsonrpc":"2.0","id":9,"method":"tools/call","params":{"name":")" + c.tool +
                   R"(","arguments":{"app":"Notes"}}})" "\n");
-    EXPECT_EQ(bridge->readLine(), R"({"id":9,"jsonrpc":"2.0","result":{"content":[{"text":"Internal error: tool )"
-                                  R"(dispatch is not available in this build of the bridge.","type":"text"}],"isError":true}})");
+    EXPECT_EQ(bridge->readLine(), R"({"id":9,"jsonrpc":"2.0","result":{"content":[{"text":"Internal error: Failed )"
+                                  R"(to launch TavixComputerUseRuntime: set TAVIX_COMPUTER_USE_RUNTIME_PATH to )"
+                                  R"(Tavix Computer Use.app in development","type":"text"}],"isError":true}})");
     bridge->closeInput();
     EXPECT_EQ(bridge->wait(), 0);
     const std::string log = bridge->log();
@@ -167,7 +171,7 @@ TEST(BridgeToolCalls, WithoutARuntimeEveryToolCallIsAnErrorResultFramedInTheLog)
     EXPECT_NE(started[0].find(" appBundleID=Notes mcpRequestID=9 tool=" + c.tool), std::string::npos) << started[0];
     const auto finished = logLinesWithEvent(log, "tool_call_finished");
     ASSERT_EQ(finished.size(), 1u) << log;
-    EXPECT_NE(finished[0].find(" outcome=tool_error tool=" + c.tool), std::string::npos) << finished[0];
+    EXPECT_NE(finished[0].find(" outcome=internal_error tool=" + c.tool), std::string::npos) << finished[0];
   }
 }
 

@@ -108,7 +108,7 @@ TEST(ComputerUseClient, ARequestThatJSONCannotCarryIsNeverSent) {
 class SilentTransport final : public ComputerUseRequestTransport {
 public:
   std::string_view transportName() const override { return "silent"; }
-  ClientResult<std::string> send(std::string_view, const std::string &, std::optional<double>) override {
+  ClientResult<std::string> send(std::string_view, std::string, std::optional<double>) override {
     return tl::unexpected(ClientFailure(ClientError::invalidResponse()));
   }
 };

@@ -68,11 +68,11 @@ public:
     return established_;
   }
 
-  ClientResult<std::string> send(std::string_view requestType, const std::string &requestData,
+  ClientResult<std::string> send(std::string_view requestType, std::string requestData,
                                  std::optional<double> timeoutSeconds) override {
     const auto context = RequestContext::current();
     std::unique_lock guard(lock_);
-    sent_.push_back({std::string(requestType), requestData, timeoutSeconds, context->correlationID(),
+    sent_.push_back({std::string(requestType), std::move(requestData), timeoutSeconds, context->correlationID(),
                      context->sessionID(), std::this_thread::get_id()});
     changed_.notify_all();
     changed_.wait(guard, context->cancellation(), [&] { return !held_; });
