@@ -74,9 +74,10 @@ ClientResult<std::string> IPCClientRequestTimeout::withTimeout(IPCBlockingSendEx
   state->result = tl::unexpected(ClientFailure(cancelled ? ComputerUseIPCError::cancelled
                                                          : ComputerUseIPCError::timeout));
   ClientResult<std::string> outcome = *state->result;
-  lock.unlock();
-
+  // Marked before the lock is let go: a job that starts from here on sees the mark and
+  // sends nothing, and one that started before was seen as started above.
   ticket->markCancelled();
+  lock.unlock();
   executor.cancelWaiting(ticket);
   if (cancelled) {
     Log::info(LogCategory::ipc, "request_cancelled", {{"requestType", requestType}});

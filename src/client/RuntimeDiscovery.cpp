@@ -76,6 +76,11 @@ std::optional<int32_t> RuntimeDiscovery::chooseAmong(std::vector<RunningRuntimeI
 ClientResult<int32_t> RuntimeDiscovery::ensureRuntimeRunning(const HealthProbe &probe) {
   if (auto running = runningRuntime(probe))
     return *running;
+  // One launch at a time: a call and the heartbeat that both find no runtime would
+  // otherwise start two. The second finds the first one's runtime when it gets its turn.
+  std::lock_guard launching(launchMutex_);
+  if (auto running = runningRuntime(probe))
+    return *running;
   if (auto launched = launchRuntimeIfPossible(); !launched)
     return tl::unexpected(std::move(launched.error()));
   if (auto appeared = awaitAppearance(probe))

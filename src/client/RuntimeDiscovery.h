@@ -62,6 +62,7 @@ private:
   Timing timing_;
   mutable std::mutex mutex_;
   std::optional<int32_t> selectedPID_;
+  std::mutex launchMutex_;
 };
 
 } // namespace tavix

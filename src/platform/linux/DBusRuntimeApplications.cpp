@@ -106,11 +106,21 @@ class DBusRuntimeApplications final : public RuntimeApplications {
 public:
   std::vector<RunningRuntimeInstance> runningInstances(const std::string &bundleIdentifier) override {
     std::vector<RunningRuntimeInstance> instances;
-    int error = 0;
-    SessionBusConnection *connection = SessionBusConnection::forThisThread(error);
     std::vector<std::string> owners;
-    if (connection == nullptr || connection->queuedOwners(bundleIdentifier, owners) < 0)
-      return instances;
+    SessionBusConnection *connection = nullptr;
+    // A connection the bus dropped since its last use is reopened once.
+    for (int attempt = 0; attempt < 2; ++attempt) {
+      int error = 0;
+      connection = SessionBusConnection::forThisThread(error);
+      if (connection == nullptr)
+        return instances;
+      error = connection->queuedOwners(bundleIdentifier, owners);
+      if (error >= 0)
+        break;
+      if (!SessionBusConnection::isConnectionLost(error) || attempt == 1)
+        return instances;
+      connection->invalidate();
+    }
     for (const auto &owner : owners) {
       int32_t pid = 0;
       if (connection->processOf(owner, pid) >= 0 && pid > 0)

@@ -1,6 +1,7 @@
 #include "platform/linux/SealedMemfd.h"
 
 #include <cerrno>
+#include <cstdint>
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>

@@ -1,5 +1,6 @@
 #include "platform/linux/SessionBusConnection.h"
 
+#include <cerrno>
 #include <cstdlib>
 #include <memory>
 #include <systemd/sd-bus.h>
@@ -28,7 +29,8 @@ SessionBusConnection *SessionBusConnection::forThisThread(int &error) {
   thread_local std::unique_ptr<SessionBusConnection> connection(new SessionBusConnection());
   error = 0;
   const bool forked = connection->openedInProcess_ != ::getpid();
-  if (connection->bus_ != nullptr && (forked || sd_bus_is_open(connection->bus_) <= 0))
+  if (connection->bus_ != nullptr &&
+      (forked || sd_bus_is_open(connection->bus_) <= 0 || connection->address_ != sessionBusAddress()))
     connection->invalidate();
   if (connection->bus_ == nullptr && (error = connection->open()) < 0)
     return nullptr;
@@ -62,7 +64,12 @@ int SessionBusConnection::open() {
   }
   bus_ = bus;
   openedInProcess_ = ::getpid();
+  address_ = address;
   return 0;
+}
+
+bool SessionBusConnection::isConnectionLost(int error) {
+  return error == -ECONNRESET || error == -ENOTCONN || error == -EPIPE || error == -ESHUTDOWN;
 }
 
 int SessionBusConnection::queuedOwners(const std::string &name, std::vector<std::string> &owners) {

@@ -1,7 +1,8 @@
 #pragma once
 // The calling thread's own connection to the user's session bus. sd-bus connections are
 // not thread-safe, so each thread that talks to the runtime keeps one; it is reopened
-// when the bus dropped it or the process forked since it was made.
+// when the bus dropped it, the process forked since it was made, or the bus's address
+// changed.
 
 #include <cstdint>
 #include <map>
@@ -30,6 +31,8 @@ public:
   sd_bus *bus() const { return bus_; }
   // Drops the connection, so that the next use reopens it.
   void invalidate();
+  // Whether a failed call's errno means the connection itself is gone.
+  static bool isConnectionLost(int error);
 
   // The unique names queued for `name`, the owner first; empty when nobody owns it.
   // Negative errno on a bus failure.
@@ -46,6 +49,7 @@ private:
 
   sd_bus *bus_ = nullptr;
   int64_t openedInProcess_ = 0;
+  std::string address_;
 };
 
 } // namespace tavix

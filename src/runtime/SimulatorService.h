@@ -1,0 +1,127 @@
+#pragma once
+// The simulator on the session bus: it serves the runtime's Send method from a desktop,
+// with the scripted faults of its options, and a control interface for tests.
+//
+// One thread owns the bus connection and never blocks on a request: each Send is read,
+// journalled and handed to a worker, which applies the call's fault (its delay runs
+// there), routes the request and queues the reply; the bus thread picks finished replies
+// up through an eventfd it polls beside the bus and sends them. A cancel request ends the
+// request it names at once with errn -128, while that request's worker may still wait.
+//
+// The control interface com.tavix.computeruse.Simulator1, on the runtime's object:
+//   SetFaults(s rulesJSON)                     replaces the fault script (InvalidArgs when bad)
+//   Events() -> s                              every Send received so far, as a JSON array
+//   ClearEvents()                              forgets them
+//   AwaitEvents(s type, u count, u timeoutMs) -> s
+//       the events of `type` ("*": all) once there are at least `count` of them, or the
+//       error com.tavix.computeruse.Simulator1.Error.TimedOut after `timeoutMs`
+//
+// On start the service prints "ready <unique bus name>" on standard output once it has
+// asked for its name; with a late handler it prints "installed" when the object appears.
+
+#include "runtime/Cancellation.h"
+#include "runtime/EventJournal.h"
+#include "runtime/EventfdQueue.h"
+#include "runtime/FaultScript.h"
+#include "runtime/RequestRouter.h"
+#include "runtime/SendReply.h"
+#include "runtime/SimulatorOptions.h"
+#include "runtime/UniqueFd.h"
+#include "runtime/WorkerPool.h"
+
+#include <systemd/sd-bus.h>
+
+#include <chrono>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace tavix::runtime {
+
+class SimulatorService {
+public:
+  static constexpr const char *controlInterface = "com.tavix.computeruse.Simulator1";
+  static constexpr const char *timedOutError = "com.tavix.computeruse.Simulator1.Error.TimedOut";
+  static constexpr size_t workerThreads = 8;
+
+  SimulatorService(SimulatorOptions options, RuntimeDesktop &desktop);
+  ~SimulatorService();
+  SimulatorService(const SimulatorService &) = delete;
+  SimulatorService &operator=(const SimulatorService &) = delete;
+
+  // Serves until SIGTERM or SIGINT (status 0) or until the bus connection is lost or
+  // cannot be made (status 1).
+  int run();
+
+private:
+  using Clock = std::chrono::steady_clock;
+
+  struct PendingCall {
+    sd_bus_message *message = nullptr; // referenced until answered
+    std::string requestID;
+    std::shared_ptr<Cancellation> cancellation;
+  };
+  // What a worker made of a call: a reply, a D-Bus error, or (never answer) neither.
+  struct Completion {
+    uint64_t callID = 0;
+    std::optional<SendReply> reply;
+    std::optional<std::string> busErrorName;
+    std::string busErrorMessage;
+  };
+  struct Awaiter {
+    sd_bus_message *message = nullptr;
+    std::string requestType;
+    uint32_t count = 0;
+    Clock::time_point deadline;
+  };
+
+  int connect();
+  int installHandlers();
+  int serve();
+  int processBus();
+  int pollTimeoutMs() const;
+  void finish();
+
+  int onSend(sd_bus_message *message);
+  void cancelRequest(const std::string &body);
+  void dispatch(sd_bus_message *message, SendCall &call, std::optional<Fault> fault);
+  Completion work(uint64_t callID, const std::string &requestType, const std::string &body,
+                  const RuntimeCaller &caller, const std::optional<Fault> &fault) const;
+  void deliverCompletions();
+
+  int onSetFaults(sd_bus_message *message, sd_bus_error *error);
+  int onEvents(sd_bus_message *message);
+  int onClearEvents(sd_bus_message *message);
+  int onAwaitEvents(sd_bus_message *message);
+  void answerAwaiters();
+  void expireAwaiters();
+
+  static int sendTrampoline(sd_bus_message *message, void *self, sd_bus_error *error);
+  static int setFaultsTrampoline(sd_bus_message *message, void *self, sd_bus_error *error);
+  static int eventsTrampoline(sd_bus_message *message, void *self, sd_bus_error *error);
+  static int clearEventsTrampoline(sd_bus_message *message, void *self, sd_bus_error *error);
+  static int awaitEventsTrampoline(sd_bus_message *message, void *self, sd_bus_error *error);
+  static const sd_bus_vtable sendVtable[];
+  static const sd_bus_vtable controlVtable[];
+
+  SimulatorOptions options_;
+  RequestRouter router_;
+  FaultScript faults_;
+  sd_bus *bus_ = nullptr;
+  sd_bus_slot *sendSlot_ = nullptr;
+  sd_bus_slot *controlSlot_ = nullptr;
+  bool canPassDescriptors_ = false;
+  UniqueFd signals_;
+  EventfdQueue<Completion> completions_;
+  std::unique_ptr<WorkerPool> workers_;
+  std::map<uint64_t, PendingCall> pending_;
+  uint64_t nextCallID_ = 1;
+  EventJournal journal_;
+  std::vector<Awaiter> awaiters_;
+  std::optional<Clock::time_point> handlerDeadline_;
+};
+
+} // namespace tavix::runtime

@@ -1,0 +1,124 @@
+// Fault scripts: what each rule means, which rules are refused and why, and how matching
+// rules are used up, with every limit tried at its last accepted and first refused value.
+
+#include "runtime/FaultScript.h"
+
+#include <gtest/gtest.h>
+
+namespace tavix::test {
+namespace {
+
+using runtime::Fault;
+using runtime::FaultScript;
+using Effect = Fault::Effect;
+
+constexpr std::string_view health = "ComputerUseIPCHealthRequest";
+constexpr std::string_view getState = "ComputerUseIPCAppGetStateRequest";
+constexpr std::string_view cancel = "ComputerUseIPCCancelRequest";
+
+FaultScript parsed(std::string_view json) {
+  auto script = FaultScript::parse(json);
+  EXPECT_TRUE(script.has_value()) << json << ": " << (script ? "" : script.error());
+  return script ? std::move(*script) : FaultScript();
+}
+
+TEST(FaultScript, EachRuleBecomesItsFault) {
+  const std::pair<std::string, Fault> rows[] = {
+      {R"([{"errn":-1708}])", {0, Effect::error, -1708, "Simulated error -1708", ""}},
+      {R"([{"errn":-1743,"errs":"Not allowed","delayMs":5}])", {5, Effect::error, -1743, "Not allowed", ""}},
+      {R"([{"noDirectObject":true}])", {0, Effect::noDirectObject, 0, "", ""}},
+      {R"([{"dbusError":"org.freedesktop.DBus.Error.AccessDenied"}])",
+       {0, Effect::dbusError, 0, "Simulated org.freedesktop.DBus.Error.AccessDenied",
+        "org.freedesktop.DBus.Error.AccessDenied"}},
+      {R"([{"dbusError":"a.b","errs":"why"}])", {0, Effect::dbusError, 0, "why", "a.b"}},
+      {R"([{"neverAnswer":true}])", {0, Effect::neverAnswer, 0, "", ""}},
+      {R"([{"crash":true,"delayMs":20}])", {20, Effect::crash, 0, "", ""}},
+      {R"([{"delayMs":600000}])", {600000, Effect::none, 0, "", ""}},
+      {R"([{"crash":false,"neverAnswer":false}])", {0, Effect::none, 0, "", ""}},
+      {R"([{"errn":-2147483648}])", {0, Effect::error, INT32_MIN, "Simulated error -2147483648", ""}},
+      {R"([{"errn":2147483647}])", {0, Effect::error, INT32_MAX, "Simulated error 2147483647", ""}},
+  };
+  for (const auto &[json, fault] : rows) {
+    FaultScript script = parsed(json);
+    EXPECT_EQ(script.take(health), fault) << json;
+  }
+}
+
+TEST(FaultScript, RefusesWhatIsNotARule) {
+  const std::pair<std::string, std::string> rows[] = {
+      {"", "Fault rules must be a JSON array of objects"},
+      {"{}", "Fault rules must be a JSON array of objects"},
+      {"[1]", "Fault rule 1: must be an object"},
+      {R"([{},{"when":1}])", "Fault rule 2: unknown key \"when\""},
+      {R"([{"times":0}])", "Fault rule 1: \"times\" must be an integer from 1 to 1000000"},
+      {R"([{"times":1000001}])", "Fault rule 1: \"times\" must be an integer from 1 to 1000000"},
+      {R"([{"times":1.5}])", "Fault rule 1: \"times\" must be an integer from 1 to 1000000"},
+      {R"([{"delayMs":-1}])", "Fault rule 1: \"delayMs\" must be an integer from 0 to 600000"},
+      {R"([{"delayMs":600001}])", "Fault rule 1: \"delayMs\" must be an integer from 0 to 600000"},
+      {R"([{"errn":2147483648}])", "Fault rule 1: \"errn\" must be an integer from -2147483648 to 2147483647"},
+      {R"([{"errn":-2147483649}])", "Fault rule 1: \"errn\" must be an integer from -2147483648 to 2147483647"},
+      {R"([{"errn":0}])", "Fault rule 1: \"errn\" must not be 0, which means success"},
+      {R"([{"errn":"1"}])", "Fault rule 1: \"errn\" must be an integer from -2147483648 to 2147483647"},
+      {R"([{"errs":"x"}])", "Fault rule 1: \"errs\" needs \"errn\" or \"dbusError\""},
+      {R"([{"crash":1}])", "Fault rule 1: \"crash\" must be true or false"},
+      {R"([{"requestType":7}])", "Fault rule 1: \"requestType\" must be a string"},
+      {R"([{"requestType":""}])", "Fault rule 1: \"requestType\" must name a request type or be \"*\""},
+      {R"([{"errn":1,"crash":true}])",
+       "Fault rule 1: choose one of errn, dbusError, noDirectObject, neverAnswer and crash"},
+      {R"([{"neverAnswer":true,"noDirectObject":true}])",
+       "Fault rule 1: choose one of errn, dbusError, noDirectObject, neverAnswer and crash"},
+      {R"([{"dbusError":"AccessDenied"}])", "Fault rule 1: \"dbusError\" is not a D-Bus error name: \"AccessDenied\""},
+  };
+  for (const auto &[json, message] : rows) {
+    const auto script = FaultScript::parse(json);
+    ASSERT_FALSE(script.has_value()) << json;
+    EXPECT_EQ(script.error(), message) << json;
+  }
+}
+
+TEST(FaultScript, TimesBoundTheCallsARuleApplies) {
+  for (int64_t times : {1, 3}) {
+    FaultScript script = parsed(R"([{"errn":-1708,"times":)" + std::to_string(times) + "}]");
+    for (int64_t call = 1; call <= times; ++call)
+      EXPECT_EQ(script.take(health).value_or(Fault{}).errn, -1708) << "call " << call << " of " << times;
+    EXPECT_EQ(script.take(health), std::nullopt) << "call " << times + 1;
+  }
+  FaultScript forever = parsed(R"([{"errn":-1708}])");
+  for (int call = 0; call < 1000; ++call)
+    ASSERT_TRUE(forever.take(health).has_value());
+}
+
+TEST(FaultScript, TheFirstLiveMatchingRuleWins) {
+  FaultScript script = parsed(R"([
+    {"requestType":"ComputerUseIPCHealthRequest","errn":1,"times":1},
+    {"requestType":"ComputerUseIPCHealthRequest","errn":2,"times":2},
+    {"errn":3}])");
+  EXPECT_EQ(script.take(getState)->errn, 3) << "a named rule does not match another type";
+  EXPECT_EQ(script.take(health)->errn, 1);
+  EXPECT_EQ(script.take(health)->errn, 2);
+  EXPECT_EQ(script.take(health)->errn, 2);
+  EXPECT_EQ(script.take(health)->errn, 3);
+  EXPECT_EQ(script.take(getState)->errn, 3) << "uses of other types left the rule alive";
+}
+
+TEST(FaultScript, AnyTypeSparesTheCancelButANamedRuleCatchesIt) {
+  FaultScript any = parsed(R"([{"errn":-1708,"times":1}])");
+  EXPECT_EQ(any.take(cancel), std::nullopt);
+  EXPECT_EQ(any.take(health)->errn, -1708) << "the cancel did not use up the rule";
+  FaultScript named = parsed(R"([{"requestType":"ComputerUseIPCCancelRequest","delayMs":50}])");
+  EXPECT_EQ(named.take(cancel)->delayMs, 50u);
+  EXPECT_EQ(named.take(health), std::nullopt);
+}
+
+TEST(FaultScript, BusErrorNames) {
+  const std::pair<std::string, bool> rows[] = {
+      {"org.freedesktop.DBus.Error.AccessDenied", true}, {"a.b", true}, {"_x.y_2", true}, {"a-b.c", false},
+      {"a", false}, {"a..b", false}, {".a.b", false}, {"a.b.", false}, {"a.2b", false}, {"", false},
+      {"a." + std::string(253, 'b'), true}, {"a." + std::string(254, 'b'), false},
+  };
+  for (const auto &[name, valid] : rows)
+    EXPECT_EQ(runtime::isBusErrorName(name), valid) << name;
+}
+
+} // namespace
+} // namespace tavix::test

@@ -1,0 +1,26 @@
+# The runtime simulator's tests, in the one test binary, and the helpers that start a
+# private session bus and the simulator for any test that needs a runtime on the bus.
+
+find_package(ZLIB REQUIRED)
+
+target_sources(tavix_tests PRIVATE
+  ${CMAKE_CURRENT_LIST_DIR}/Base64EncoderTest.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/BitmapFontTest.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/EditableTextTest.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/EventJournalTest.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/EventStreamRecorderTest.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/FaultScriptTest.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/PngEncoderTest.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/ReplyFormTest.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/RequestRouterTest.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/SimulatorOptionsTest.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/SimulatorServiceTest.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/VirtualDesktopTest.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/WorkerPoolTest.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/../testing/PrivateSessionBus.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/../testing/RuntimeSimulatorProcess.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/../testing/SimulatorControl.cpp)
+target_link_libraries(tavix_tests PRIVATE tavix_runtime ZLIB::ZLIB PkgConfig::SYSTEMD)
+add_dependencies(tavix_tests TavixComputerUseRuntimeSimulator)
+target_compile_definitions(tavix_tests PRIVATE
+  TAVIX_RUNTIME_SIMULATOR_EXECUTABLE="$<TARGET_FILE:TavixComputerUseRuntimeSimulator>")
