@@ -65,7 +65,7 @@ class BareBusClient {
     if (sd_bus_open_user(&bus_) < 0) throw std::runtime_error("cannot connect to the private bus");
     std::vector<std::string> owners;
     sd_bus_message *reply = nullptr;
-    sd_bus_error error = SD_BUS_ERROR_NULL;
+    sd_bus_error error{}; // SD_BUS_ERROR_NULL without its C compound literal
     if (sd_bus_call_method(bus_, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
                            "GetNameOwner", &error, &reply, "s", kBusName) < 0)
       throw std::runtime_error("the simulator does not own its name");
@@ -91,7 +91,7 @@ class BareBusClient {
   // One Send; returns the response's bytes after writing them to the pipe.
   std::string send(std::string_view requestType, std::string_view json) {
     sd_bus_message *call = nullptr, *reply = nullptr;
-    sd_bus_error error = SD_BUS_ERROR_NULL;
+    sd_bus_error error{}; // SD_BUS_ERROR_NULL without its C compound literal
     int fd = -1;
     std::string type(requestType);
     int r = sd_bus_message_new_method_call(bus_, &call, destination_.c_str(), "/com/tavix/computeruse",
@@ -281,6 +281,7 @@ ToolCallReport measureToolCalls(const ToolCallOptions &options) {
           client.send("ComputerUseIPCAppPerformActionRequest", empty);
           client.send("ComputerUseIPCAppPerformActionRequest", focus);
         });
+    client.send("ComputerUseIPCAppPerformActionRequest", empty); // the bridge's screenshots start alike
   } catch (const std::exception &e) {
     floor.error = e.what();
   }

@@ -5,13 +5,27 @@
 namespace tavix::runtime {
 namespace {
 
+// A value as the state shows it: whole up to this many bytes, else its start, cut at a
+// character boundary, and its full size, so that a pasted document does not turn every
+// state into megabytes.
+constexpr size_t longestShownValue = 128 * 1024;
+
+std::string shownValue(std::string_view value) {
+  if (value.size() <= longestShownValue)
+    return AppStateText::quoted(value);
+  size_t cut = longestShownValue;
+  while (cut > 0 && (static_cast<unsigned char>(value[cut]) & 0xC0) == 0x80)
+    --cut;
+  return AppStateText::quoted(value.substr(0, cut)) + " (cut; " + std::to_string(value.size()) + " bytes in all)";
+}
+
 std::string elementLine(const VirtualApp &app, size_t index) {
   const VirtualElement &element = app.element(index);
   std::string line(static_cast<size_t>(element.depth) * 2, ' ');
   line += std::to_string(index) + " " + std::string(roleName(element.role)) + " " +
           AppStateText::quoted(app.label(index));
   if (element.text)
-    line += " value: " + AppStateText::quoted(element.text->value());
+    line += " value: " + shownValue(element.text->value());
   if (app.focused() == index) {
     const EditableText &text = *element.text;
     line += " (focused";

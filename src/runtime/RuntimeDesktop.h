@@ -11,6 +11,7 @@
 #include "contracts/EventStreamContracts.h"
 #include "runtime/RuntimeError.h"
 
+#include <cstdint>
 #include <string>
 
 namespace tavix::runtime {
@@ -45,6 +46,11 @@ public:
       const ComputerUseIPCEventStreamStatusRequest &request) = 0;
   virtual RuntimeResult<ComputerUseIPCEventStreamSessionStatus> stopEventStream(
       const ComputerUseIPCEventStreamStopRequest &request) = 0;
+
+  // A number that grows whenever anything a state request shows may have changed, and
+  // only then: two state requests with the same fields, made while it stays the same,
+  // answer the same. The service keeps encoded replies by it.
+  virtual uint64_t stateVersion() const = 0;
 };
 
 } // namespace tavix::runtime

@@ -4,7 +4,9 @@
 #include "platform/linux/SealedMemfd.h"
 #include "runtime/ReplyForm.h"
 
+#include <fcntl.h>
 #include <memory>
+#include <string>
 
 namespace tavix::runtime {
 namespace {
@@ -46,7 +48,13 @@ int appendEntries(sd_bus_message *message, const SendReply &reply) {
                                        reply.directObject->size())) >= 0)
     r = closeEntry(message);
   if (reply.responseFile && r >= 0 && (r = openEntry(message, bus::responseFileKey, "h")) >= 0) {
-    const int fd = reply.responseFile.get(); // the message keeps its own duplicate
+    // A reply may be sent again and again (see ReplyCache). A duplicate would share the
+    // file offset, so a receiver that reads rather than preads would leave the next one
+    // at the end; each message gets its own read-only opening of the memfd instead, and
+    // the memfd itself only when it cannot be opened anew.
+    const UniqueFd opened(::open(("/proc/self/fd/" + std::to_string(reply.responseFile.get())).c_str(),
+                                 O_RDONLY | O_CLOEXEC));
+    const int fd = opened ? opened.get() : reply.responseFile.get(); // the message keeps its own duplicate
     if ((r = sd_bus_message_append_basic(message, SD_BUS_TYPE_UNIX_FD, &fd)) >= 0)
       r = closeEntry(message);
   }

@@ -61,7 +61,7 @@ const sd_bus_vtable SimulatorService::controlVtable[] = {
     SD_BUS_VTABLE_END};
 
 SimulatorService::SimulatorService(SimulatorOptions options, RuntimeDesktop &desktop)
-    : options_(std::move(options)), router_(desktop), faults_(options_.faults) {}
+    : options_(std::move(options)), desktop_(desktop), router_(desktop), faults_(options_.faults) {}
 
 SimulatorService::~SimulatorService() { finish(); }
 
@@ -260,15 +260,15 @@ void SimulatorService::dispatch(sd_bus_message *message, SendCall &call, std::op
 // Runs on a worker: the fault's effect, or the request itself.
 SimulatorService::Completion SimulatorService::work(uint64_t callID, const std::string &requestType,
                                                     const std::string &body, const RuntimeCaller &caller,
-                                                    const std::optional<Fault> &fault) const {
+                                                    const std::optional<Fault> &fault) {
   Completion completion;
   completion.callID = callID;
   switch (fault ? fault->effect : Fault::Effect::none) {
   case Fault::Effect::error:
-    completion.reply = SendReply::failure({fault->errn, fault->text});
+    completion.reply = std::make_shared<const SendReply>(SendReply::failure({fault->errn, fault->text}));
     return completion;
   case Fault::Effect::noDirectObject:
-    completion.reply = SendReply::withoutDirectObject();
+    completion.reply = std::make_shared<const SendReply>(SendReply::withoutDirectObject());
     return completion;
   case Fault::Effect::dbusError:
     completion.busErrorName = fault->busError;
@@ -280,9 +280,20 @@ SimulatorService::Completion SimulatorService::work(uint64_t callID, const std::
   case Fault::Effect::none:
     break;
   }
-  auto reply = router_.route(requestType, body, caller);
-  completion.reply = reply ? SendReply::response(std::move(*reply), canPassDescriptors_) : SendReply::failure(reply.error());
+  completion.reply = answer(requestType, body, caller);
   return completion;
+}
+
+ReplyCache::Reply SimulatorService::answer(const std::string &requestType, const std::string &body,
+                                           const RuntimeCaller &caller) {
+  const auto make = [&] {
+    auto reply = router_.route(requestType, body, caller);
+    return std::make_shared<const SendReply>(reply ? SendReply::response(std::move(*reply), canPassDescriptors_)
+                                                   : SendReply::failure(reply.error()));
+  };
+  if (!ReplyCache::keeps(requestType))
+    return make();
+  return replies_.answer(body, canPassDescriptors_, [this] { return desktop_.stateVersion(); }, make);
 }
 
 void SimulatorService::deliverCompletions() {

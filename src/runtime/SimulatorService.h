@@ -4,7 +4,8 @@
 //
 // One thread owns the bus connection and never blocks on a request: each Send is read,
 // journalled and handed to a worker, which applies the call's fault (its delay runs
-// there), routes the request and queues the reply; the bus thread picks finished replies
+// there), routes the request (a state request of an unchanged desktop from the
+// ReplyCache) and queues the reply; the bus thread picks finished replies
 // up through an eventfd it polls beside the bus and sends them. A cancel request ends the
 // request it names at once with errn -128, while that request's worker may still wait.
 //
@@ -23,6 +24,7 @@
 #include "runtime/EventJournal.h"
 #include "runtime/EventfdQueue.h"
 #include "runtime/FaultScript.h"
+#include "runtime/ReplyCache.h"
 #include "runtime/RequestRouter.h"
 #include "runtime/SendReply.h"
 #include "runtime/SimulatorOptions.h"
@@ -67,7 +69,8 @@ private:
   // What a worker made of a call: a reply, a D-Bus error, or (never answer) neither.
   struct Completion {
     uint64_t callID = 0;
-    std::optional<SendReply> reply;
+    ReplyCache::Reply reply; // shared with the cache
+
     std::optional<std::string> busErrorName;
     std::string busErrorMessage;
   };
@@ -89,7 +92,8 @@ private:
   void cancelRequest(const std::string &body);
   void dispatch(sd_bus_message *message, SendCall &call, std::optional<Fault> fault);
   Completion work(uint64_t callID, const std::string &requestType, const std::string &body,
-                  const RuntimeCaller &caller, const std::optional<Fault> &fault) const;
+                  const RuntimeCaller &caller, const std::optional<Fault> &fault);
+  ReplyCache::Reply answer(const std::string &requestType, const std::string &body, const RuntimeCaller &caller);
   void deliverCompletions();
 
   int onSetFaults(sd_bus_message *message, sd_bus_error *error);
@@ -108,7 +112,9 @@ private:
   static const sd_bus_vtable controlVtable[];
 
   SimulatorOptions options_;
+  RuntimeDesktop &desktop_;
   RequestRouter router_;
+  ReplyCache replies_;
   FaultScript faults_;
   sd_bus *bus_ = nullptr;
   sd_bus_slot *sendSlot_ = nullptr;

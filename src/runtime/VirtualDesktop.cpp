@@ -125,6 +125,11 @@ VirtualDesktop::stopEventStream(const ComputerUseIPCEventStreamStopRequest &requ
   return recorder_.stop(request.reason, options_.now());
 }
 
+uint64_t VirtualDesktop::stateVersion() const {
+  std::lock_guard lock(mutex_);
+  return version_;
+}
+
 std::optional<ComputerUseHostTurnContext> VirtualDesktop::lastObservedContext() const {
   std::lock_guard lock(mutex_);
   return lastObservedContext_;

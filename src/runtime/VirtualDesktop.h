@@ -55,6 +55,7 @@ public:
       const ComputerUseIPCEventStreamStatusRequest &request) override;
   RuntimeResult<ComputerUseIPCEventStreamSessionStatus> stopEventStream(
       const ComputerUseIPCEventStreamStopRequest &request) override;
+  uint64_t stateVersion() const override;
 
   // The host turn the last observe request named.
   std::optional<ComputerUseHostTurnContext> lastObservedContext() const;

@@ -8,6 +8,7 @@
 #include "fakes/ScriptedEventChannel.h"
 #include "support/JSON.h"
 #include "support/RequestContext.h"
+#include "testing/MapEnvironment.h"
 #include "testing/TemporaryDirectory.h"
 
 #include <gmock/gmock.h>
@@ -60,13 +61,8 @@ struct TransportFixture : ::testing::Test {
         .automation = std::make_shared<AllowingPermission>(),
         .processes = std::make_shared<NoResponsibleProcess>(),
         .bundleIdentifiers = BundleIdentifiers(std::make_shared<PropertyListSnapshot>(PropertyListDictionary{})),
-        .locations = {[this](const char *name) -> std::optional<std::string> {
-                        auto found = environment.find(name);
-                        if (found == environment.end())
-                          return std::nullopt;
-                        return found->second;
-                      },
-                      directory.path() + "/a/b/c/d", directory.path(), "Tavix Computer Use.app"},
+        .locations = {lookupIn(environment), directory.path() + "/a/b/c/d", directory.path(),
+                      "Tavix Computer Use.app"},
         .requestExecutor = &requests,
         .cancellationExecutor = &cancellations,
     };

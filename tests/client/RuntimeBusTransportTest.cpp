@@ -9,6 +9,7 @@
 #include "testing/PrivateSessionBus.h"
 #include "testing/RuntimeSimulatorProcess.h"
 #include "testing/SimulatorControl.h"
+#include "testing/MapEnvironment.h"
 #include "testing/TemporaryDirectory.h"
 
 #include <gmock/gmock.h>
@@ -45,13 +46,8 @@ struct RuntimeBusFixture : ::testing::Test {
         .automation = makeSystemAutomationPermission(),
         .processes = makeSystemProcessInformation(),
         .bundleIdentifiers = BundleIdentifiers(std::make_shared<PropertyListSnapshot>(PropertyListDictionary{})),
-        .locations = {[this](const char *name) -> std::optional<std::string> {
-                        auto found = environment.find(name);
-                        if (found == environment.end())
-                          return std::nullopt;
-                        return found->second;
-                      },
-                      directory.path() + "/a/b/c/d", directory.path(), "Tavix Computer Use.app"},
+        .locations = {lookupIn(environment), directory.path() + "/a/b/c/d", directory.path(),
+                      "Tavix Computer Use.app"},
         .requestExecutor = &requests,
         .cancellationExecutor = &cancellations,
     };

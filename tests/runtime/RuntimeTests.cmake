@@ -11,6 +11,7 @@ target_sources(tavix_tests PRIVATE
   ${CMAKE_CURRENT_LIST_DIR}/EventStreamRecorderTest.cpp
   ${CMAKE_CURRENT_LIST_DIR}/FaultScriptTest.cpp
   ${CMAKE_CURRENT_LIST_DIR}/PngEncoderTest.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/ReplyCacheTest.cpp
   ${CMAKE_CURRENT_LIST_DIR}/ReplyFormTest.cpp
   ${CMAKE_CURRENT_LIST_DIR}/RequestRouterTest.cpp
   ${CMAKE_CURRENT_LIST_DIR}/SimulatorOptionsTest.cpp

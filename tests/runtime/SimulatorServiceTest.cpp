@@ -199,7 +199,8 @@ TEST_F(SimulatorServiceTest, AFourMegabytePasteTravelsInMemfdsBothWays) {
   EXPECT_EQ(reply->form, RuntimeReply::Form::responseFile);
   const auto result = decoded<ComputerUseIPCToolResultResponse>(*reply);
   EXPECT_FALSE(result.isError);
-  EXPECT_NE(result.content.at(1).text->find("value: \"" + text + "\""), std::string::npos);
+  EXPECT_NE(result.content.at(1).text->find("value: \"" + std::string(128 * 1024, 'q') + "\" (cut; 4000000 bytes in all)"),
+            std::string::npos);
   const auto events = client.awaitEvents(perform, 2);
   ASSERT_TRUE(events.has_value());
   EXPECT_EQ(events->back()["payload"], "memfd");
@@ -447,6 +448,47 @@ TEST_F(SimulatorServiceTest, AnUncompressedScreenshotIsAsLargeAsTheScreen) {
   // About five megabytes of PNG, three bytes a pixel, four thirds of that in base64.
   EXPECT_GT(data.size(), 1320u * 1320 * 3 * 4 / 3);
   EXPECT_LT(data.size(), 1320u * 1320 * 3 * 4 / 3 + 1320 * 4 + 4096);
+}
+
+TEST_F(SimulatorServiceTest, ARepeatedStateAnswersTheSameUntilTheDesktopChanges) {
+  RuntimeSimulatorProcess simulator(bus.address(), {"--png-level", "0"});
+  SimulatorControl client(bus.address(), busName);
+  const auto getState = ComputerUseIPCAppGetStateRequest::requestType;
+  const auto perform = ComputerUseIPCAppPerformActionRequest::requestType;
+  const std::string notes = R"({"app":"Notes"})";
+  const std::string clickText =
+      R"({"app":"Notes","action":{"click":{"_0":{"elementIndex":2,"clickCount":1,"mouseButton":0}}}})";
+  struct Row {
+    const char *name;
+    std::optional<std::string> action; // sent between the two state requests
+    std::string next;
+    bool sameBytes;
+  };
+  const Row rows[] = {
+      {"nothing between", std::nullopt, notes, true},
+      {"a click", clickText, notes, false},
+      {"another observation", std::nullopt, R"({"app":"Notes","observation":"state"})", false},
+      {"another app", std::nullopt, R"({"app":"Files"})", false},
+      {"nothing between, again", std::nullopt, notes, true},
+  };
+  for (const auto &row : rows) {
+    SCOPED_TRACE(row.name);
+    const auto before = client.send(getState, notes);
+    ASSERT_TRUE(before && before->bytes) << "no sealed memfd";
+    EXPECT_EQ(before->form, RuntimeReply::Form::responseFile);
+    if (row.action)
+      ASSERT_FALSE(decoded<ComputerUseIPCToolResultResponse>(client.send(perform, *row.action)).isError);
+    // Sent twice, so that a reply kept from the first is read a second time whole.
+    for (int time = 0; time < 2; ++time) {
+      const auto after = client.send(getState, row.next);
+      ASSERT_TRUE(after && after->bytes) << "no reply bytes";
+      EXPECT_EQ(*after->bytes == *before->bytes, row.sameBytes);
+      EXPECT_FALSE(decoded<ComputerUseIPCToolResultResponse>(*after).isError);
+    }
+  }
+  // The click's focus shows in the state that follows it.
+  const auto focused = decoded<ComputerUseIPCToolResultResponse>(client.send(getState, notes));
+  EXPECT_NE(focused.content.at(0).text->find("(focused"), std::string::npos);
 }
 
 // ---- the name and the handler ----

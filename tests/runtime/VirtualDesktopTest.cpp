@@ -193,6 +193,12 @@ TEST_F(VirtualDesktopTest, EachActionChangesTheNextState) {
   const auto [row6X, row6Y] = centre(notes, 6);
   const auto [row8X, row8Y] = centre(notes, 8);
   const std::string fourMegabytes(PasteParams::maxTextBytes, 'p');
+  auto repeated = [](std::string_view piece, size_t times) {
+    std::string text;
+    for (size_t i = 0; i < times; ++i)
+      text += piece;
+    return text;
+  };
   const ActionRow rows[] = {
       {"a click focuses a text field and typing appends", "Notes", {click(1), type("Hello"), type(" you")},
        {"  1 text field \"Title\" value: \"Hello you\" (focused, cursor at byte 9) secondary actions: Clear, Select All",
@@ -263,8 +269,16 @@ TEST_F(VirtualDesktopTest, EachActionChangesTheNextState) {
       {"deleting a row removes its item", "Notes", {secondary(6, "Delete")},
        {"    6 row \"Meeting notes\" secondary actions: Select, Delete",
         "  5 list \"Recent notes\" (shows items 1-4 of 11, scrollable)"}},
-      {"four megabytes paste into the focused field", "Notes", {click(2), paste(fourMegabytes)},
-       {"  2 text area \"Body\" value: \"" + fourMegabytes + "\" (focused, cursor at byte 4000000) secondary actions: Clear, Select All"}},
+      {"four megabytes paste into the focused field, and the state shows their start", "Notes",
+       {click(2), paste(fourMegabytes)},
+       {"  2 text area \"Body\" value: \"" + std::string(128 * 1024, 'p') +
+        "\" (cut; 4000000 bytes in all) (focused, cursor at byte 4000000) secondary actions: Clear, Select All"}},
+      {"a value of 128 KiB is shown whole", "Notes", {click(2), paste(std::string(128 * 1024, 'q'))},
+       {"  2 text area \"Body\" value: \"" + std::string(128 * 1024, 'q') +
+        "\" (focused, cursor at byte 131072) secondary actions: Clear, Select All"}},
+      {"a longer value is cut at a character boundary", "Notes", {click(2), paste("a" + repeated("\u00e9", 65536))},
+       {"  2 text area \"Body\" value: \"a" + repeated("\u00e9", 65535) +
+        "\" (cut; 131073 bytes in all) (focused, cursor at byte 131073) secondary actions: Clear, Select All"}},
       {"the calculator adds", "Calculator", {click(10), click(5), click(11), click(13)},
        {"  1 static text \"Display\" value: \"3\""}},
       {"the calculator subtracts and keys press its buttons", "Calculator", {key("9"), key("-"), key("4"), key("Return")},

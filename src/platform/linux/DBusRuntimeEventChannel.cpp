@@ -38,7 +38,7 @@ constexpr const char *handlerMissingErrors[] = {SD_BUS_ERROR_UNKNOWN_METHOD, SD_
 struct CallObjects {
   sd_bus_message *call = nullptr;
   sd_bus_message *reply = nullptr;
-  sd_bus_error error = SD_BUS_ERROR_NULL;
+  sd_bus_error error{}; // SD_BUS_ERROR_NULL without its C compound literal
   int fd = -1;
   ~CallObjects() {
     sd_bus_message_unref(call);

@@ -74,7 +74,7 @@ bool SessionBusConnection::isConnectionLost(int error) {
 
 int SessionBusConnection::queuedOwners(const std::string &name, std::vector<std::string> &owners) {
   owners.clear();
-  sd_bus_error error = SD_BUS_ERROR_NULL;
+  sd_bus_error error{}; // SD_BUS_ERROR_NULL without its C compound literal
   sd_bus_message *call = nullptr, *reply = nullptr;
   int result = sd_bus_message_new_method_call(bus_, &call, busService, busPath, busInterface, "ListQueuedOwners");
   if (result >= 0)
@@ -95,7 +95,7 @@ int SessionBusConnection::queuedOwners(const std::string &name, std::vector<std:
 }
 
 int SessionBusConnection::processOf(const std::string &uniqueName, int32_t &pid) {
-  sd_bus_error error = SD_BUS_ERROR_NULL;
+  sd_bus_error error{}; // SD_BUS_ERROR_NULL without its C compound literal
   sd_bus_message *reply = nullptr;
   uint32_t value = 0;
   int result = sd_bus_call_method(bus_, busService, busPath, busInterface, "GetConnectionUnixProcessID", &error,
