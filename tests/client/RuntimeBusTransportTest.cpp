@@ -15,8 +15,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <csignal>
 #include <cstdlib>
+#include <fstream>
 #include <future>
+#include <thread>
 
 namespace tavix::test {
 namespace {
@@ -173,7 +176,7 @@ TEST_F(RuntimeBusFixture, AmongQueuedInstancesTheHealthyOneIsChosen) {
   EXPECT_EQ(events[1]["requestType"], listApps);
 }
 
-TEST_F(RuntimeBusFixture, WithNoneRunningTheRuntimeIsLaunchedFromTheOverride) {
+TEST_F(RuntimeBusFixture, WithNoneRunningTheRuntimeIsLaunchedFromTheOverrideAndStopsOnSignals) {
   environment["TAVIX_COMPUTER_USE_RUNTIME_PATH"] = RuntimeSimulatorProcess::defaultExecutable();
   auto transport = makeTransport();
   auto reply = transport->send(listApps, "{}");
@@ -183,7 +186,14 @@ TEST_F(RuntimeBusFixture, WithNoneRunningTheRuntimeIsLaunchedFromTheOverride) {
   ASSERT_EQ(owners.size(), 1u);
   EXPECT_EQ(control.events().size(), 1u);
   EXPECT_EQ(log.withEvent("runtime_launch_started").size(), 1u);
-  // The launched runtime lives on its own; the bus's end ends it.
+  const auto health = parseJSON(transport->send("ComputerUseIPCHealthRequest", "{}").value()).value();
+  const pid_t launched = health["runtimePID"].get<pid_t>();
+  // It runs on its own and stops on SIGTERM: its name leaves the bus.
+  ASSERT_EQ(::kill(launched, SIGTERM), 0);
+  auto gone = [&] { return control.queuedOwners(busName).value_or(std::vector<std::string>{}).empty(); };
+  for (int i = 0; i < 500 && !gone(); ++i)
+    std::this_thread::sleep_for(10ms); // the bus has no signal to await for a name's end here
+  EXPECT_TRUE(gone());
 }
 
 TEST_F(RuntimeBusFixture, ACancelledCallSendsExactlyOneCancelNamingItsEvent) {
