@@ -2,6 +2,7 @@
 // reading. Whatever decodes must encode and decode back to an equal record, and every
 // action read from arguments must survive its wire form unchanged.
 
+#include "contracts/AppshotContracts.h"
 #include "contracts/EventStreamContracts.h"
 #include "gateway/ToolArguments.h"
 #include "support/JSON.h"
@@ -35,6 +36,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   roundTrip<ComputerUseIPCEventStreamSessionStatus>(*value);
   roundTrip<ComputerUseIPCAction>(*value);
   roundTrip<ComputerUseIPCAppPerformActionRequest>(*value);
+  roundTrip<ComputerUseIPCAppStartFrontmostCaptureRequest>(*value);
+  roundTrip<ComputerUseIPCAppNextCaptureUpdateRequest>(*value);
+  roundTrip<ComputerUseIPCAppStartFrontmostCaptureResponse>(*value);
+  roundTrip<ComputerUseIPCAppshotUpdateEnvelope>(*value);
   if (auto response = ComputerUseIPCToolResultResponse::fromJSON(*value))
     if (!serializeJSON(std::move(*response).toToolResult().toJSON()))
       abort();

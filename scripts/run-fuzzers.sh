@@ -6,7 +6,8 @@ cd "$(dirname "$0")/.."
 build=$1
 seconds=${2:-${TAVIX_FUZZ_SECONDS:-30}}
 declare -A corpus=([ContractsFuzzer]=contracts [FramingReaderFuzzer]=framing_reader [JSONRPCIntakeFuzzer]=jsonrpc_intake
-                   [JSONSeamFuzzer]=json_seam [LogValueFuzzer]=log_value [RuntimeRequestFuzzer]=runtime_request)
+                   [JSONSeamFuzzer]=json_seam [LogValueFuzzer]=log_value [RuntimeRequestFuzzer]=runtime_request
+                   [AppshotLineFuzzer]=appshot_line)
 for fuzzer in "${!corpus[@]}"; do
   work=$(mktemp -d)
   cp "fuzz/corpus/${corpus[$fuzzer]}"/* "$work/"

@@ -9,8 +9,17 @@
 
 namespace tavix {
 
-// "mcp" or "event-stream" "mcp", compared exactly as a whole list; anything else
-// (extra words included) is no mode.
-std::optional<MCPServerMode> parseBridgeMode(const std::vector<std::string> &modeWords);
+enum class BridgeMode {
+  computerUse,  // "mcp"
+  recordReplay, // "event-stream" "mcp"
+  appshot,      // "appshot-stdio"
+};
+
+// The mode the words name, compared exactly as a whole list; anything else (extra words
+// included) is no mode.
+std::optional<BridgeMode> parseBridgeMode(const std::vector<std::string> &modeWords);
+
+// The MCP server mode of an MCP bridge mode; nothing for the appshot mode.
+std::optional<MCPServerMode> mcpServerMode(BridgeMode mode);
 
 } // namespace tavix

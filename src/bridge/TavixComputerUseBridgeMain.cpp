@@ -1,10 +1,12 @@
 #include "bridge/TavixComputerUseBridgeMain.h"
 
+#include "bridge/AppshotStdioServer.h"
 #include "bridge/ModeWords.h"
 #include "bridge/ParentAuthorization.h"
 #include "bridge/TerminationSignals.h"
 #include "client/AppleEventComputerUseTransport.h"
 #include "client/ComputerUseClient.h"
+#include "client/IPCBlockingSendExecutor.h"
 #include "gateway/MCPToolGateway.h"
 #include "mcp/ComputerUseMCPServer.h"
 #include "platform/UnifiedLog.h"
@@ -12,6 +14,7 @@
 #include "logging/Logger.h"
 #include "logging/TavixComputerUseLogFile.h"
 
+#include <chrono>
 #include <csignal>
 #include <exception>
 
@@ -24,16 +27,30 @@ constexpr double logFileRefreshIntervalSeconds = 60.0;
 // The version of the client protocol that every event to the runtime app carries.
 constexpr const char *clientVersion = "1.0";
 
+// How long the end of the process waits for cancellations on their way to the runtime app.
+constexpr auto cancellationArrivalBound = std::chrono::seconds(1);
+
+// Requests that the end of input cut short have had their cancellations sent on; letting
+// them arrive spares the runtime app from working on for a client that is gone.
+void letCancellationsArrive() {
+  IPCBlockingSendExecutor::cancellations().waitUntilIdle(std::chrono::steady_clock::now() +
+                                                         cancellationArrivalBound);
+}
+
+std::shared_ptr<const ComputerUseClient> makeClient() {
+  return std::make_shared<const ComputerUseClient>(AppleEventComputerUseTransport::makeSystemTransport(clientVersion));
+}
+
 // Serves on the main thread; the signal handler thread cancels it through `cancellation`.
 // One client to the runtime app serves the tools and the heartbeat.
 int serveMCP(MCPServerMode mode) {
-  auto client =
-      std::make_shared<const ComputerUseClient>(AppleEventComputerUseTransport::makeSystemTransport(clientVersion));
+  auto client = makeClient();
   ComputerUseMCPServer server(mode, std::make_shared<MCPToolGateway>(mode, client), client);
   std::stop_source cancellation;
   installTerminationSignalHandlers([cancellation]() mutable { cancellation.request_stop(); });
   try {
     server.start(MCPTransport::stdio(), cancellation.get_token());
+    letCancellationsArrive();
     return 0;
   } catch (const std::exception &) {
     if (cancellation.stop_requested())
@@ -44,6 +61,15 @@ int serveMCP(MCPServerMode mode) {
                                                 : "record_replay_mcp_server_start_failed",
              {{"error", LogError{"std::exception", "tavix.bridge", 1}}});
   return 1;
+}
+
+// Serves until standard input ends; a termination signal ends the process at once.
+int serveAppshot() {
+  installTerminationSignalHandlers(nullptr);
+  AppshotStdioServer server(makeClient());
+  server.run();
+  letCancellationsArrive();
+  return 0;
 }
 
 } // namespace
@@ -79,7 +105,9 @@ int TavixComputerUseBridgeMain::main(const std::vector<std::string> &arguments) 
     printUsage(arguments);
     return 1;
   }
-  return serveMCP(*mode);
+  if (const auto mcpMode = mcpServerMode(*mode))
+    return serveMCP(*mcpMode);
+  return serveAppshot();
 }
 
 } // namespace tavix

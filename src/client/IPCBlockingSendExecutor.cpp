@@ -73,6 +73,11 @@ size_t IPCBlockingSendExecutor::waitingCount() const {
   return waiting_.size();
 }
 
+bool IPCBlockingSendExecutor::waitUntilIdle(std::chrono::steady_clock::time_point deadline) const {
+  std::unique_lock lock(mutex_);
+  return idle_.wait_until(lock, deadline, [&] { return active_ == 0 && waiting_.empty(); });
+}
+
 void IPCBlockingSendExecutor::work(std::stop_token stop) {
   while (true) {
     std::unique_lock lock(mutex_);
@@ -90,7 +95,10 @@ void IPCBlockingSendExecutor::work(std::stop_token stop) {
 void IPCBlockingSendExecutor::finishOne() {
   std::unique_lock lock(mutex_);
   if (waiting_.empty()) {
-    --active_;
+    if (--active_ == 0) {
+      lock.unlock();
+      idle_.notify_all();
+    }
     return;
   }
   starting_.push_back(std::move(waiting_.front()));

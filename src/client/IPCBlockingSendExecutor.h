@@ -6,6 +6,7 @@
 
 #include "client/ClientFailure.h"
 
+#include <chrono>
 #include <condition_variable>
 #include <cstddef>
 #include <deque>
@@ -68,6 +69,9 @@ public:
   // nothing when the job already runs or has finished.
   void cancelWaiting(const std::shared_ptr<IPCSendTicket> &ticket);
 
+  // Waits until no job runs or waits, or `deadline` passes; returns whether none does.
+  bool waitUntilIdle(std::chrono::steady_clock::time_point deadline) const;
+
   const std::string &label() const { return label_; }
   size_t activeCount() const;
   size_t waitingCount() const;
@@ -81,6 +85,7 @@ private:
   const size_t maxQueued_;
   mutable std::mutex mutex_;
   std::condition_variable_any startable_;
+  mutable std::condition_variable_any idle_;
   size_t active_ = 0;
   std::deque<Job> waiting_;
   // Jobs counted as active whose thread has not taken them yet.

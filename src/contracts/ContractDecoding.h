@@ -82,19 +82,21 @@ template <typename T> Decoded<T> value(const nlohmann::json &json, std::string_v
         return *parsed;
     return fail("Unknown value for " + quoted(key));
   } else if constexpr (std::is_integral_v<T>) {
-    static_assert(std::is_signed_v<T>);
     // An integer, or a number without a fraction, that fits the field.
-    if (json.is_number_unsigned() && json.get<uint64_t>() <= uint64_t(std::numeric_limits<T>::max()))
+    constexpr auto lowest = std::numeric_limits<T>::min();
+    constexpr auto highest = std::numeric_limits<T>::max();
+    if (json.is_number_unsigned() && json.get<uint64_t>() <= uint64_t(highest))
       return static_cast<T>(json.get<uint64_t>());
     if (json.is_number_integer() && !json.is_number_unsigned()) {
       const int64_t number = json.get<int64_t>();
-      if (number >= int64_t(std::numeric_limits<T>::min()) && number <= int64_t(std::numeric_limits<T>::max()))
+      if (number >= 0 ? uint64_t(number) <= uint64_t(highest) : std::is_signed_v<T> && number >= int64_t(lowest))
         return static_cast<T>(number);
     }
     if (json.is_number_float()) {
+      // `highest + 1` is a power of two, exact as a double where `highest` may not be.
       const double number = json.get<double>();
-      if (std::trunc(number) == number && number >= double(std::numeric_limits<T>::min()) &&
-          number < -double(std::numeric_limits<T>::min()))
+      const double pastHighest = std::ldexp(1.0, std::numeric_limits<T>::digits);
+      if (std::trunc(number) == number && number >= double(lowest) && number < pastHighest)
         return static_cast<T>(number);
     }
     return fail("Expected an integer in range for " + quoted(key));

@@ -30,11 +30,19 @@ void EventJournal::record(const SendCall &call) {
   entries_.push_back(std::move(entry));
 }
 
+void EventJournal::recordEvent(std::string_view name, nlohmann::json fields) {
+  fields["event"] = std::string(name);
+  entries_.push_back(std::move(fields));
+}
+
 bool EventJournal::matches(const nlohmann::json &entry, std::string_view requestType) {
   if (requestType == anyType)
     return true;
-  const auto &type = entry["requestType"];
-  return type.is_string() && type.get_ref<const std::string &>() == requestType;
+  const auto named = [&](const char *key) {
+    const auto found = entry.find(key);
+    return found != entry.end() && found->is_string() && found->get_ref<const std::string &>() == requestType;
+  };
+  return named("requestType") || named("event");
 }
 
 size_t EventJournal::count(std::string_view requestType) const {

@@ -1,6 +1,6 @@
 #include "runtime/RequestRouter.h"
 
-#include "support/JSON.h"
+#include "runtime/CaptureUpdates.h"
 
 #include <array>
 #include <optional>
@@ -16,8 +16,7 @@ template <typename Request, typename Call>
 RuntimeResult<nlohmann::json> decodeAndCall(const nlohmann::json &json, Call call) {
   auto request = Request::fromJSON(json);
   if (!request)
-    return runtimeError(errn::invalidRequest,
-                        "Invalid " + std::string(Request::requestType) + ": " + request.error().description);
+    return RequestRouter::invalid(Request::requestType, request.error().description);
   auto response = call(*request);
   if (!response)
     return tl::unexpected(response.error());
@@ -35,8 +34,18 @@ template <typename Request, auto Method> Route route() {
           }};
 }
 
-const std::array<Route, 13> &routes() {
-  static const std::array<Route, 13> table = {
+// A next-update, looked at once: its deadline is now.
+RuntimeResult<ComputerUseIPCAppshotUpdateEnvelope> nextCaptureUpdateNow(RuntimeDesktop &desktop,
+                                                                         const ComputerUseIPCAppNextCaptureUpdateRequest &request) {
+  const auto now = CaptureUpdates::Clock::now();
+  auto look = CaptureUpdates::look(desktop, request.requestId, now, now, false);
+  if (look.error)
+    return tl::unexpected(std::move(*look.error));
+  return std::move(*look.reply);
+}
+
+const std::array<Route, 16> &routes() {
+  static const std::array<Route, 16> table = {
       Route{ComputerUseIPCHealthRequest::requestType,
             [](RuntimeDesktop &desktop, const nlohmann::json &json, const RuntimeCaller &caller) {
               return decodeAndCall<ComputerUseIPCHealthRequest>(
@@ -53,13 +62,28 @@ const std::array<Route, 13> &routes() {
       route<ComputerUseIPCEventStreamStartRequest, &RuntimeDesktop::startEventStream>(),
       route<ComputerUseIPCEventStreamStatusRequest, &RuntimeDesktop::eventStreamStatus>(),
       route<ComputerUseIPCEventStreamStopRequest, &RuntimeDesktop::stopEventStream>(),
+      route<ComputerUseIPCAppStartFrontmostCaptureRequest, &RuntimeDesktop::startCapture>(),
+      Route{ComputerUseIPCAppNextCaptureUpdateRequest::requestType,
+            [](RuntimeDesktop &desktop, const nlohmann::json &json, const RuntimeCaller &) {
+              return decodeAndCall<ComputerUseIPCAppNextCaptureUpdateRequest>(
+                  json, [&](const ComputerUseIPCAppNextCaptureUpdateRequest &request) {
+                    return nextCaptureUpdateNow(desktop, request);
+                  });
+            }},
+      Route{ComputerUseIPCAppCancelCaptureRequest::requestType,
+            [](RuntimeDesktop &desktop, const nlohmann::json &json, const RuntimeCaller &) {
+              return decodeAndCall<ComputerUseIPCAppCancelCaptureRequest>(
+                  json, [&](const ComputerUseIPCAppCancelCaptureRequest &request) -> RuntimeResult<ComputerUseIPCEmptyResponse> {
+                    desktop.cancelCapture(request.requestId); // a capture not running is no failure
+                    return ComputerUseIPCEmptyResponse{};
+                  });
+            }},
       // The service carries out a cancel before it gets here; the answer is only {}.
       Route{ComputerUseIPCCancelRequest::requestType,
             [](RuntimeDesktop &, const nlohmann::json &json, const RuntimeCaller &) -> RuntimeResult<nlohmann::json> {
               const auto request = ComputerUseIPCCancelRequest::fromJSON(json);
               if (!request)
-                return runtimeError(errn::invalidRequest, "Invalid " + std::string(ComputerUseIPCCancelRequest::requestType) +
-                                                              ": " + request.error().description);
+                return RequestRouter::invalid(ComputerUseIPCCancelRequest::requestType, request.error().description);
               return nlohmann::json::object();
             }},
   };
@@ -78,7 +102,7 @@ RuntimeResult<std::string> RequestRouter::route(std::string_view requestType, st
     return runtimeError(errn::unknownRequestType, "Unknown request type: " + std::string(requestType));
   const auto json = parseJSON(body);
   if (!json)
-    return runtimeError(errn::invalidRequest, "Invalid " + std::string(requestType) + ": the body is not JSON");
+    return invalid(requestType, "the body is not JSON");
   auto response = found->handler(desktop_, *json, caller);
   if (!response)
     return tl::unexpected(response.error());

@@ -17,6 +17,7 @@ inline constexpr int32_t cancelled = -128;          // the caller cancelled the 
 inline constexpr int32_t badData = -1700;           // an unreadable payload, or a reply too large
 inline constexpr int32_t missingParameter = -1701;  // a Send without a request type or body
 inline constexpr int32_t eventNotHandled = -1708;   // not this event, or not ready
+inline constexpr int32_t noSuchObject = -1728;      // the request names something not there (a capture)
 inline constexpr int32_t unknownFailure = -10000;   // the runtime failed on its own
 } // namespace errn
 

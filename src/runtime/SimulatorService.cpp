@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <iterator>
 #include <poll.h>
 #include <pthread.h>
 #include <sys/signalfd.h>
@@ -83,6 +84,7 @@ int SimulatorService::run() {
     return 1;
   }
   canPassDescriptors_ = sd_bus_can_send(bus_, SD_BUS_TYPE_UNIX_FD) > 0;
+  desktop_.setChangeListener([this] { desktopChanges_.raise(); });
   workers_ = std::make_unique<WorkerPool>(workerThreads);
   // A client may send the moment the name appears, so the object comes first, unless a
   // test asked to see the window in which it is missing.
@@ -122,17 +124,19 @@ int SimulatorService::installHandlers() {
   return r;
 }
 
-// The bus thread's loop: the bus, finished replies, the stop signals and the timers.
+// The bus thread's loop: the bus, finished replies, desktop changes, the stop signals and
+// the timers.
 int SimulatorService::serve() {
   for (;;) {
     if (processBus() < 0) {
       report("the bus connection was lost");
       return 1;
     }
-    pollfd fds[3] = {{sd_bus_get_fd(bus_), static_cast<short>(sd_bus_get_events(bus_)), 0},
+    pollfd fds[4] = {{sd_bus_get_fd(bus_), static_cast<short>(sd_bus_get_events(bus_)), 0},
                      {completions_.fd(), POLLIN, 0},
-                     {signals_.get(), POLLIN, 0}};
-    if (::poll(fds, 3, pollTimeoutMs()) < 0 && errno != EINTR) {
+                     {signals_.get(), POLLIN, 0},
+                     {desktopChanges_.fd(), POLLIN, 0}};
+    if (::poll(fds, 4, pollTimeoutMs()) < 0 && errno != EINTR) {
       report(std::string("poll failed: ") + std::strerror(errno));
       return 1;
     }
@@ -140,6 +144,9 @@ int SimulatorService::serve() {
       return 0;
     if (fds[1].revents & POLLIN)
       deliverCompletions();
+    if (fds[3].revents & POLLIN)
+      onDesktopChanged();
+    expireCaptureWaits();
     if (handlerDeadline_ && Clock::now() >= *handlerDeadline_) {
       handlerDeadline_.reset();
       if (installHandlers() < 0)
@@ -173,6 +180,9 @@ int SimulatorService::pollTimeoutMs() const {
     sooner(msUntil(*handlerDeadline_));
   for (const auto &awaiter : awaiters_)
     sooner(msUntil(awaiter.deadline));
+  for (const auto &entry : pending_)
+    if (entry.second.capture && entry.second.capture->parked)
+      sooner(msUntil(entry.second.capture->deadline));
   return timeout;
 }
 
@@ -182,6 +192,7 @@ void SimulatorService::finish() {
   for (auto &entry : pending_)
     entry.second.cancellation->cancel();
   workers_.reset();
+  desktop_.setChangeListener({});
   completions_.drain();
   for (auto &entry : pending_)
     sd_bus_message_unref(entry.second.message);
@@ -245,22 +256,28 @@ void SimulatorService::cancelRequest(const std::string &body) {
 void SimulatorService::dispatch(sd_bus_message *message, SendCall &call, std::optional<Fault> fault) {
   const uint64_t callID = nextCallID_++;
   auto cancellation = std::make_shared<Cancellation>();
-  pending_[callID] = PendingCall{sd_bus_message_ref(message), call.requestID.value_or(""), cancellation};
+  pending_[callID] = PendingCall{.message = sd_bus_message_ref(message),
+                                 .requestID = call.requestID.value_or(""),
+                                 .cancellation = cancellation,
+                                 .capture = std::nullopt};
   const char *sender = sd_bus_message_get_sender(message);
   workers_->post([this, callID, cancellation, fault = std::move(fault), type = std::move(*call.requestType),
-                  body = std::move(*call.body), caller = RuntimeCaller{sender != nullptr ? sender : ""}] {
+                  body = std::move(*call.body), caller = RuntimeCaller{sender != nullptr ? sender : ""},
+                  received = Clock::now(), generation = generation_] {
     if (fault && fault->delayMs > 0 && !cancellation->waitFor(std::chrono::milliseconds(fault->delayMs)))
       return; // cancelled: the bus thread has answered already
     if (fault && fault->effect == Fault::Effect::crash)
       ::_exit(FaultScript::crashStatus);
-    completions_.push(work(callID, type, body, caller, fault));
+    Completion completion = work(callID, type, body, caller, fault, received);
+    completion.generation = generation;
+    completions_.push(std::move(completion));
   });
 }
 
 // Runs on a worker: the fault's effect, or the request itself.
 SimulatorService::Completion SimulatorService::work(uint64_t callID, const std::string &requestType,
                                                     const std::string &body, const RuntimeCaller &caller,
-                                                    const std::optional<Fault> &fault) {
+                                                    const std::optional<Fault> &fault, Clock::time_point received) {
   Completion completion;
   completion.callID = callID;
   switch (fault ? fault->effect : Fault::Effect::none) {
@@ -280,7 +297,12 @@ SimulatorService::Completion SimulatorService::work(uint64_t callID, const std::
   case Fault::Effect::none:
     break;
   }
+  if (requestType == ComputerUseIPCAppNextCaptureUpdateRequest::requestType)
+    return firstLook(callID, body, received);
   completion.reply = answer(requestType, body, caller);
+  if (requestType == ComputerUseIPCAppCancelCaptureRequest::requestType && !completion.reply->error)
+    if (const auto request = RequestRouter::decode<ComputerUseIPCAppCancelCaptureRequest>(body))
+      completion.endedCapture = request->requestId;
   return completion;
 }
 
@@ -298,23 +320,147 @@ ReplyCache::Reply SimulatorService::answer(const std::string &requestType, const
 
 void SimulatorService::deliverCompletions() {
   for (auto &completion : completions_.drain()) {
-    const auto entry = pending_.find(completion.callID);
-    if (entry == pending_.end())
-      continue; // cancelled while the worker ran
-    if (!completion.reply && !completion.busErrorName)
-      continue; // never answered: it stays pending until a cancel or the end
-    sd_bus_message *message = entry->second.message;
-    int r;
-    if (completion.busErrorName)
-      r = sd_bus_reply_method_errorf(message, completion.busErrorName->c_str(), "%s", completion.busErrorMessage.c_str());
-    else
-      r = completion.reply->send(message);
-    if (r < 0) {
-      report(std::string("cannot send a reply: ") + std::strerror(-r));
-      sd_bus_reply_method_errno(message, r, nullptr);
+    // A call cancelled while the worker ran is gone already; one never answered stays
+    // pending until a cancel or the end.
+    if (const auto entry = pending_.find(completion.callID); entry != pending_.end()) {
+      if (completion.wait) {
+        keepWaiting(entry->first, entry->second, std::move(*completion.wait), completion.generation);
+      } else if (completion.busErrorName) {
+        if (const int r = sd_bus_reply_method_errorf(entry->second.message, completion.busErrorName->c_str(), "%s",
+                                                     completion.busErrorMessage.c_str());
+            r < 0)
+          report(std::string("cannot send a reply: ") + std::strerror(-r));
+        sd_bus_message_unref(entry->second.message);
+        pending_.erase(entry);
+      } else if (completion.reply) {
+        sendReply(entry, *completion.reply);
+      }
     }
-    sd_bus_message_unref(message);
-    pending_.erase(entry);
+    // Even when the cancel-capture itself was cancelled, its capture has ended.
+    if (completion.endedCapture)
+      endCaptureWaits(*completion.endedCapture);
+  }
+}
+
+// Answers a pending call and forgets it.
+void SimulatorService::sendReply(std::map<uint64_t, PendingCall>::iterator entry, const SendReply &reply) {
+  sd_bus_message *message = entry->second.message;
+  if (const int r = reply.send(message); r < 0) {
+    report(std::string("cannot send a reply: ") + std::strerror(-r));
+    sd_bus_reply_method_errno(message, r, nullptr);
+  }
+  sd_bus_message_unref(message);
+  pending_.erase(entry);
+}
+
+// ---- next-updates ----
+
+// On a worker: the request read, and its capture looked at for the first time.
+SimulatorService::Completion SimulatorService::firstLook(uint64_t callID, const std::string &body,
+                                                         Clock::time_point received) {
+  const auto request = RequestRouter::decode<ComputerUseIPCAppNextCaptureUpdateRequest>(body);
+  if (!request) {
+    Completion completion;
+    completion.callID = callID;
+    completion.reply = std::make_shared<const SendReply>(SendReply::failure(request.error()));
+    return completion;
+  }
+  const auto wait = CaptureUpdates::waitFor(request->timeoutMs);
+  CaptureWait waiting{
+      .captureID = request->requestId, .deadline = received + wait, .wait = wait, .parked = false, .announced = false};
+  auto look = CaptureUpdates::look(desktop_, waiting.captureID, waiting.deadline, Clock::now(), false);
+  return lookCompletion(callID, std::move(look), std::move(waiting));
+}
+
+SimulatorService::Completion SimulatorService::lookCompletion(uint64_t callID, CaptureLook look, CaptureWait wait) {
+  Completion completion;
+  completion.callID = callID;
+  if (look.error) {
+    completion.reply = std::make_shared<const SendReply>(SendReply::failure(std::move(*look.error)));
+  } else if (look.reply) {
+    completion.reply = std::make_shared<const SendReply>(updateReply(*look.reply));
+  } else {
+    completion.wait = std::move(wait);
+  }
+  return completion;
+}
+
+SendReply SimulatorService::updateReply(const ComputerUseIPCAppshotUpdateEnvelope &envelope) const {
+  auto bytes = serializeJSON(envelope.toJSON());
+  if (!bytes)
+    return SendReply::failure({errn::unknownFailure, "The capture update could not be written as JSON"});
+  return SendReply::response(std::move(*bytes), canPassDescriptors_);
+}
+
+// Sends a waiting call's look to a worker.
+void SimulatorService::lookAgain(uint64_t callID, const CaptureWait &wait) {
+  workers_->post([this, callID, wait, generation = generation_] {
+    auto look = CaptureUpdates::look(desktop_, wait.captureID, wait.deadline, Clock::now(), true);
+    Completion completion = lookCompletion(callID, std::move(look), wait);
+    completion.generation = generation;
+    completions_.push(std::move(completion));
+  });
+}
+
+// A look found nothing due: the call waits, unless a change or a cancel-capture came while
+// the look ran, which it may have missed.
+void SimulatorService::keepWaiting(uint64_t callID, PendingCall &call, CaptureWait wait, uint64_t generation) {
+  wait.announced = call.capture && call.capture->announced;
+  wait.parked = false;
+  call.capture = std::move(wait);
+  if (generation != generation_) {
+    lookAgain(callID, *call.capture);
+    return;
+  }
+  call.capture->parked = true;
+  if (call.capture->announced)
+    return;
+  call.capture->announced = true;
+  journal_.recordEvent(EventJournal::captureUpdateWaiting, {{"requestID", call.requestID},
+                                                            {"captureRequestId", call.capture->captureID},
+                                                            {"timeoutMs", call.capture->wait.count()}});
+  answerAwaiters();
+}
+
+void SimulatorService::onDesktopChanged() {
+  desktopChanges_.clear();
+  ++generation_;
+  for (auto &entry : pending_) {
+    auto &capture = entry.second.capture;
+    if (capture && capture->parked) {
+      capture->parked = false;
+      lookAgain(entry.first, *capture);
+    }
+  }
+}
+
+// After a cancel-capture's reply: every call known to wait on the capture, parked or being
+// looked at, answers "cancelled" at once.
+void SimulatorService::endCaptureWaits(const std::string &captureID) {
+  ++generation_; // a look under way may have found the capture before it ended
+  for (auto entry = pending_.begin(); entry != pending_.end();) {
+    const auto &capture = entry->second.capture;
+    if (!capture || capture->captureID != captureID) {
+      ++entry;
+      continue;
+    }
+    const auto next = std::next(entry);
+    sendReply(entry, updateReply(CaptureUpdates::envelope(captureID, CaptureUpdates::cancelled)));
+    entry = next;
+  }
+}
+
+void SimulatorService::expireCaptureWaits() {
+  const auto now = Clock::now();
+  for (auto entry = pending_.begin(); entry != pending_.end();) {
+    const auto &capture = entry->second.capture;
+    if (!capture || !capture->parked || now < capture->deadline) {
+      ++entry;
+      continue;
+    }
+    const auto next = std::next(entry);
+    sendReply(entry, updateReply(CaptureUpdates::envelope(capture->captureID, CaptureUpdates::timedOut)));
+    entry = next;
   }
 }
 

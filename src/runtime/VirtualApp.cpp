@@ -2,9 +2,9 @@
 
 namespace tavix::runtime {
 
-VirtualApp::VirtualApp(std::string name, std::string bundleID, std::string windowTitle, int width,
-                       int height)
-    : name_(std::move(name)), bundleID_(std::move(bundleID)) {
+VirtualApp::VirtualApp(std::string name, std::string bundleID, uint32_t windowID, std::string windowTitle,
+                       int width, int height, Rgb iconColour)
+    : name_(std::move(name)), bundleID_(std::move(bundleID)), windowID_(windowID), iconColour_(iconColour) {
   VirtualElement window;
   window.role = ElementRole::window;
   window.title = std::move(windowTitle);

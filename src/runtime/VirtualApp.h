@@ -21,7 +21,9 @@ public:
   using ButtonBehaviour = std::function<void(VirtualApp &)>;
 
   // The window fills a screen of `width` by `height` pixels; element 0 is the window.
-  VirtualApp(std::string name, std::string bundleID, std::string windowTitle, int width, int height);
+  // `windowID` names the window in requests; `iconColour` fills the app's icon.
+  VirtualApp(std::string name, std::string bundleID, uint32_t windowID, std::string windowTitle, int width,
+             int height, Rgb iconColour);
   VirtualApp(VirtualApp &&) = default;
   VirtualApp &operator=(VirtualApp &&) = default;
   // Behaviours may keep state of their own; a copy would share it.
@@ -30,6 +32,8 @@ public:
 
   const std::string &name() const { return name_; }
   const std::string &bundleID() const { return bundleID_; }
+  uint32_t windowID() const { return windowID_; }
+  Rgb iconColour() const { return iconColour_; }
   int width() const { return elements_[0].frame.width; }
   int height() const { return elements_[0].frame.height; }
   const std::string &windowTitle() const { return elements_[0].title; }
@@ -72,6 +76,8 @@ public:
 private:
   std::string name_;
   std::string bundleID_;
+  uint32_t windowID_;
+  Rgb iconColour_;
   std::vector<VirtualElement> elements_;
   std::optional<size_t> focused_;
   std::optional<size_t> defaultButton_;

@@ -78,7 +78,7 @@ std::vector<VirtualApp> VirtualAppCatalogue::makeApps(int width, int height) {
 }
 
 VirtualApp VirtualAppCatalogue::makeNotes(int width, int height) {
-  VirtualApp app("Notes", "com.tavix.sim.notes", "Notes - Untitled", width, height);
+  VirtualApp app("Notes", "com.tavix.sim.notes", notesWindowID, "Notes - Untitled", width, height, {242, 192, 46});
   const int fieldWidth = width - controlX - margin;
   const int listHeight = 4 * rowHeight + 4;
   const int listY = height - margin - listHeight;
@@ -110,7 +110,8 @@ VirtualApp VirtualAppCatalogue::makeNotes(int width, int height) {
 }
 
 VirtualApp VirtualAppCatalogue::makeCalculator(int width, int height) {
-  VirtualApp app("Calculator", "com.tavix.sim.calculator", "Calculator", width, height);
+  VirtualApp app("Calculator", "com.tavix.sim.calculator", calculatorWindowID, "Calculator", width, height,
+                 {88, 88, 96});
   const size_t display = app.add(label("Display", "0", {margin, 44, width - 2 * margin, 40}));
   static constexpr const char *keys[] = {"7", "8", "9", "+", "4", "5", "6", "-",
                                          "1", "2", "3", "=", "0", "C"};
@@ -148,7 +149,8 @@ VirtualApp VirtualAppCatalogue::makeCalculator(int width, int height) {
 }
 
 VirtualApp VirtualAppCatalogue::makeFiles(int width, int height) {
-  VirtualApp app("Files", "com.tavix.sim.files", "Files - Documents", width, height);
+  VirtualApp app("Files", "com.tavix.sim.files", filesWindowID, "Files - Documents", width, height,
+                 {30, 110, 220});
   const int fieldWidth = width - controlX - margin;
   app.add(editable(ElementRole::textField, "Search", {controlX, 44, fieldWidth, 28}));
   static constexpr const char *stems[] = {"report", "invoice", "letter", "photo"};

@@ -1,8 +1,11 @@
 #pragma once
 // The desktop the simulator serves: three small apps whose windows fill a screen of a
 // chosen size, their state as text and as a PNG screenshot, actions that change them,
-// the runtime's health and a Record & Replay session. One mutex guards it all, since the
-// service calls it from several threads at once.
+// the runtime's health, a Record & Replay session and appshot captures of a window. One
+// mutex guards it all, since the service calls it from several threads at once.
+//
+// The frontmost app is Notes at first, then the app an action or a start request last
+// named; list_apps marks it, beside each window's id.
 
 #include "runtime/EventStreamRecorder.h"
 #include "runtime/PngEncoder.h"
@@ -55,7 +58,13 @@ public:
       const ComputerUseIPCEventStreamStatusRequest &request) override;
   RuntimeResult<ComputerUseIPCEventStreamSessionStatus> stopEventStream(
       const ComputerUseIPCEventStreamStopRequest &request) override;
+  RuntimeResult<ComputerUseIPCAppStartFrontmostCaptureResponse> startCapture(
+      const ComputerUseIPCAppStartFrontmostCaptureRequest &request) override;
+  RuntimeResult<std::optional<ComputerUseIPCAppshotCaptureUpdate>> takeCaptureUpdate(
+      const std::string &requestId) override;
+  bool cancelCapture(const std::string &requestId) override;
   uint64_t stateVersion() const override;
+  void setChangeListener(std::function<void()> changed) override;
 
   // The host turn the last observe request named.
   std::optional<ComputerUseHostTurnContext> lastObservedContext() const;
@@ -63,14 +72,25 @@ public:
   uint64_t screenshotsEncoded() const;
 
 private:
+  struct Capture {
+    std::string bundleID;
+    bool snapshotTaken = false;
+    uint64_t version = 0; // the state version its last update showed
+  };
+
   VirtualApp *findApp(const std::string &query);
+  VirtualApp *findBundle(const std::string &bundleID);
   ComputerUseIPCToolResultResponse appNotFound(const std::string &query) const;
   const std::string &screenshot(const VirtualApp &app);
+  ComputerUseIPCAppshotTarget captureTarget(const VirtualApp &app) const;
 
   const VirtualDesktopOptions options_;
   const PngEncoder encoder_;
   mutable std::mutex mutex_;
   std::vector<VirtualApp> apps_;
+  // Each app's icon as a PNG data URL, by bundle identifier.
+  std::map<std::string, std::string> icons_;
+  size_t frontmost_ = 0;
   // Bumped by every change, so a cached screenshot knows when it is stale.
   uint64_t version_ = 0;
   struct CachedScreenshot {
@@ -82,6 +102,8 @@ private:
   std::map<std::string, std::chrono::system_clock::time_point> clientActivity_;
   std::optional<ComputerUseHostTurnContext> lastObservedContext_;
   EventStreamRecorder recorder_;
+  std::map<std::string, Capture> captures_; // by requestId
+  std::function<void()> changeListener_;
 };
 
 } // namespace tavix::runtime

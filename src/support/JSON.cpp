@@ -89,24 +89,51 @@ bool containsNegativeZeroInteger(std::string_view text) {
 // Texts whose first byte only nlohmann takes: a byte-order mark, which it skips.
 bool startsWithByteOrderMark(std::string_view text) { return text.starts_with("\xEF\xBB\xBF"); }
 
+// simdjson's value, or nothing when nlohmann must decide.
+std::optional<Json> parseFast(std::string_view text, JSONInput input) {
+  if (startsWithByteOrderMark(text))
+    return std::nullopt;
+  simdjson::dom::parser &parser = threadParser();
+  const bool inPlace = input == JSONInput::padded;
+  simdjson::dom::element root;
+  if (parser.parse(text.data(), text.size(), !inPlace).get(root) != simdjson::SUCCESS)
+    return std::nullopt;
+  bool sawZero = false;
+  Json value = toJSON(root, sawZero);
+  if (sawZero && containsNegativeZeroInteger(text))
+    return std::nullopt;
+  return value;
+}
+
+// nlohmann's message without its "[json.exception.parse_error.101] " tag.
+std::string parseErrorText(const Json::exception &error) {
+  std::string_view text = error.what();
+  if (text.starts_with("[json.exception.")) {
+    if (const size_t close = text.find("] "); close != std::string_view::npos)
+      text.remove_prefix(close + 2);
+  }
+  return std::string(text);
+}
+
 } // namespace
 
 std::optional<Json> parseJSON(std::string_view text, JSONInput input) {
-  if (!startsWithByteOrderMark(text)) {
-    simdjson::dom::parser &parser = threadParser();
-    const bool inPlace = input == JSONInput::padded;
-    simdjson::dom::element root;
-    if (parser.parse(text.data(), text.size(), !inPlace).get(root) == simdjson::SUCCESS) {
-      bool sawZero = false;
-      Json value = toJSON(root, sawZero);
-      if (!sawZero || !containsNegativeZeroInteger(text))
-        return value;
-    }
-  }
+  if (auto value = parseFast(text, input))
+    return value;
   Json value = Json::parse(text, nullptr, false);
   if (value.is_discarded())
     return std::nullopt;
   return value;
+}
+
+tl::expected<Json, std::string> parseJSONExplained(std::string_view text, JSONInput input) {
+  if (auto value = parseFast(text, input))
+    return std::move(*value);
+  try {
+    return Json::parse(text);
+  } catch (const Json::exception &error) {
+    return tl::unexpected(parseErrorText(error));
+  }
 }
 
 // ---- Writing ----

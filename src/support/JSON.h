@@ -12,6 +12,7 @@
 // in bulk and without recursion, however deep the value.
 
 #include <nlohmann/json.hpp>
+#include <tl/expected.hpp>
 
 #include <cstddef>
 #include <optional>
@@ -31,6 +32,11 @@ enum class JSONInput {
 // The value of `text`, or nothing when it is not JSON.
 std::optional<nlohmann::json> parseJSON(std::string_view text,
                                         JSONInput input = JSONInput::copied);
+
+// The value of `text`, or the parser's account of why it is not JSON (where and what),
+// for an answer that tells the sender what was wrong with its input.
+tl::expected<nlohmann::json, std::string> parseJSONExplained(std::string_view text,
+                                                             JSONInput input = JSONInput::copied);
 
 // What to do with a NaN or an infinity, which JSON cannot hold.
 enum class NonFiniteNumbers {

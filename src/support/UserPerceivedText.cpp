@@ -95,6 +95,22 @@ bool isValidUTF8(std::string_view text) {
   return true;
 }
 
+std::string replacingInvalidUTF8(std::string_view text) {
+  if (isValidUTF8(text))
+    return std::string(text);
+  std::string repaired;
+  repaired.reserve(text.size() + 16);
+  for (size_t at = 0; at < text.size();) {
+    const Decoded decoded = decodeAt(text, at);
+    if (decoded.valid)
+      repaired.append(text.substr(at, decoded.length));
+    else
+      repaired.append("\xEF\xBF\xBD");
+    at += decoded.length;
+  }
+  return repaired;
+}
+
 size_t prefixLengthForCharacters(std::string_view text, size_t limit) {
   size_t characters = 0;
   size_t at = 0;

@@ -64,7 +64,7 @@ std::string contentLengthFrame(std::string_view body) {
 TEST(BridgeModeWords, AnythingButAKnownModeIsAUsageErrorLoggedOnlyToTheLogFile) {
   const std::vector<std::vector<std::string>> cases = {
       {}, {"mcp", "extra"}, {"event-stream"}, {"mcp", "event-stream"}, {"MCP"}, {""},
-      {"event-stream", "mcp", "x"}};
+      {"event-stream", "mcp", "x"}, {"appshot-stdio", "mcp"}, {"appshot"}, {"Appshot-stdio"}};
   for (const auto &words : cases) {
     SCOPED_TRACE(::testing::PrintToString(words));
     auto bridge = startBridge(words);

@@ -14,6 +14,7 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -158,6 +159,23 @@ TEST(IPCBlockingSendExecutor, AFinishedJobMakesRoomForTheLongestWaitingOne) {
   }
   EXPECT_EQ(bench.jobs.startedNow().size(), 5u);
   EXPECT_TRUE(bench.jobs.rejected().empty());
+}
+
+TEST(IPCBlockingSendExecutor, IdleOnlyOnceEveryRunningAndWaitingJobHasFinished) {
+  using namespace std::chrono_literals;
+  Bench bench(1, 1);
+  EXPECT_TRUE(bench.executor.waitUntilIdle(std::chrono::steady_clock::now()));
+  bench.executor.enqueue(bench.jobs.job("a"));
+  bench.executor.enqueue(bench.jobs.job("w"));
+  bench.jobs.started(1);
+  EXPECT_FALSE(bench.executor.waitUntilIdle(std::chrono::steady_clock::now() + 10ms));
+  bench.jobs.release("a");
+  bench.jobs.started(2);
+  EXPECT_FALSE(bench.executor.waitUntilIdle(std::chrono::steady_clock::now() + 10ms)) << "w still runs";
+  std::thread releaser([&] { bench.jobs.release("w"); });
+  EXPECT_TRUE(bench.executor.waitUntilIdle(std::chrono::steady_clock::now() + 60s));
+  EXPECT_EQ(bench.jobs.finishedNow(), (std::vector<std::string>{"a", "w"}));
+  releaser.join();
 }
 
 TEST(IPCBlockingSendExecutor, CancellingAWaitingJobRejectsItAtOnceAndItNeverRuns) {

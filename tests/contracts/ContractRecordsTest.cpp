@@ -5,52 +5,14 @@
 #include "contracts/ComputerUseRequests.h"
 #include "contracts/EventStreamContracts.h"
 
-#include <gtest/gtest.h>
+#include "testing/ContractFieldRules.h"
 
-#include <set>
+#include <gtest/gtest.h>
 
 namespace tavix::test {
 namespace {
 
 using nlohmann::json;
-
-// Decodes a complete example, checks that it encodes back to the same JSON, then takes
-// each key away in turn: a required key must fail by name, an optional one must read as
-// absent, missing or null.
-template <typename Record>
-void expectFieldRules(const json &complete, const std::set<std::string> &requiredKeys) {
-  SCOPED_TRACE(complete.dump());
-  const auto decoded = Record::fromJSON(complete);
-  ASSERT_TRUE(decoded.has_value()) << decoded.error().description;
-  EXPECT_EQ(decoded->toJSON(), complete);
-  std::set<std::string> seen;
-  for (const auto &[key, value] : complete.items()) {
-    SCOPED_TRACE(key);
-    seen.insert(key);
-    json without = complete;
-    without.erase(key);
-    json nulled = complete;
-    nulled[key] = nullptr;
-    if (requiredKeys.contains(key)) {
-      const auto missing = Record::fromJSON(without);
-      ASSERT_FALSE(missing.has_value());
-      EXPECT_EQ(missing.error().description, "Missing required key \"" + key + "\"");
-      EXPECT_FALSE(Record::fromJSON(nulled).has_value());
-    } else {
-      for (const json &absent : {without, nulled}) {
-        const auto read = Record::fromJSON(absent);
-        ASSERT_TRUE(read.has_value()) << read.error().description;
-        EXPECT_EQ(read->toJSON(), without);
-      }
-    }
-  }
-  for (const auto &key : requiredKeys)
-    EXPECT_TRUE(seen.contains(key)) << key << " missing from the example";
-  json withUnknown = complete;
-  withUnknown["someFutureKey"] = {1, 2};
-  EXPECT_TRUE(Record::fromJSON(withUnknown).has_value());
-  EXPECT_FALSE(Record::fromJSON(json::array()).has_value());
-}
 
 const json click = {{"click", {{"_0", {{"clickCount", 1}, {"elementIndex", 7}, {"mouseButton", 0}}}}}};
 

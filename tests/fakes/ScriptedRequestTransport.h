@@ -12,6 +12,7 @@
 #include <map>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -56,9 +57,15 @@ public:
     std::lock_guard guard(lock_);
     held_ = true;
   }
+  // Holds only the sends of one request type.
+  void holdType(std::string requestType) {
+    std::lock_guard guard(lock_);
+    heldTypes_.insert(std::move(requestType));
+  }
   void release() {
     std::lock_guard guard(lock_);
     held_ = false;
+    heldTypes_.clear();
     changed_.notify_all();
   }
 
@@ -75,7 +82,8 @@ public:
     sent_.push_back({std::string(requestType), std::move(requestData), timeoutSeconds, context->correlationID(),
                      context->sessionID(), std::this_thread::get_id()});
     changed_.notify_all();
-    changed_.wait(guard, context->cancellation(), [&] { return !held_; });
+    changed_.wait(guard, context->cancellation(),
+                  [&] { return !held_ && !heldTypes_.contains(std::string(requestType)); });
     if (context->isCancelled())
       return tl::unexpected(ClientFailure(CancellationError{}));
     Reply reply = nextReply(std::string(requestType));
@@ -120,6 +128,7 @@ private:
   bool established_ = false;
   bool establishOnReply_ = false;
   bool held_ = false;
+  std::set<std::string> heldTypes_;
 };
 
 } // namespace tavix::test

@@ -2,7 +2,7 @@
 // Reads back the PNG files the simulator writes, independently of its encoder: the chunks
 // with their CRCs checked, the header, and the pixels inflated with zlib from the IDAT
 // data and unfiltered (the encoder writes filter type 0 only, and anything else is
-// reported as a failure here).
+// reported as a failure here). Also from base64 and from a PNG data URL.
 
 #include <zlib.h>
 
@@ -106,6 +106,36 @@ inline DecodedPng decodePng(std::string_view file) {
     png.samples.append(*rows, y * (rowBytes + 1) + 1, rowBytes);
   }
   return png;
+}
+
+// Standard padded base64 read back; decoding stops at the padding.
+inline std::string decodeBase64(std::string_view text) {
+  static constexpr std::string_view alphabet = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+  std::string bytes;
+  uint32_t buffer = 0;
+  int bits = 0;
+  for (char c : text) {
+    if (c == '=')
+      break;
+    buffer = buffer << 6 | static_cast<uint32_t>(alphabet.find(c));
+    bits += 6;
+    if (bits >= 8) {
+      bits -= 8;
+      bytes.push_back(static_cast<char>(buffer >> bits & 0xFF));
+    }
+  }
+  return bytes;
+}
+
+// The PNG of a "data:image/png;base64,..." URL; anything else is a problem.
+inline DecodedPng decodePngDataURL(std::string_view url) {
+  constexpr std::string_view prefix = "data:image/png;base64,";
+  if (url.substr(0, prefix.size()) != prefix) {
+    DecodedPng png;
+    png.problem = "not a PNG data URL";
+    return png;
+  }
+  return decodePng(decodeBase64(url.substr(prefix.size())));
 }
 
 } // namespace tavix::test

@@ -1,5 +1,5 @@
-// The journal of Send calls: what an entry holds, the body kept only up to 64 KiB, and
-// counting and listing by type.
+// The journal of Send calls and of the simulator's own events: what an entry holds, the
+// body kept only up to 64 KiB, and counting and listing by request type or event name.
 
 #include "runtime/EventJournal.h"
 #include "support/JSON.h"
@@ -74,6 +74,30 @@ TEST(EventJournal, CountsAndListsByType) {
   journal.clear();
   EXPECT_EQ(journal.count("*"), 0u);
   EXPECT_EQ(journal.entries("*"), nlohmann::json::array());
+}
+
+TEST(EventJournal, OwnEventsAreSelectedByTheirNameAndNeverByARequestType) {
+  EventJournal journal;
+  journal.record(call("ComputerUseIPCAppNextCaptureUpdateRequest", R"({"requestId":"C"})"));
+  journal.recordEvent(EventJournal::captureUpdateWaiting,
+                      {{"requestID", "ID-1"}, {"captureRequestId", "C"}, {"timeoutMs", 30000}});
+  journal.record(call("ComputerUseIPCHealthRequest", "{}"));
+  EXPECT_EQ(journal.entries("captureUpdateWaiting"),
+            json(R"([{"event":"captureUpdateWaiting","requestID":"ID-1","captureRequestId":"C","timeoutMs":30000}])"));
+  const std::pair<const char *, size_t> rows[] = {
+      {"captureUpdateWaiting", 1},
+      {"ComputerUseIPCAppNextCaptureUpdateRequest", 1},
+      {"ComputerUseIPCHealthRequest", 1},
+      {"*", 3},
+      {"event", 0},
+      {"C", 0},
+  };
+  for (const auto &[type, count] : rows) {
+    EXPECT_EQ(journal.count(type), count) << type;
+    EXPECT_EQ(journal.entries(type).size(), count) << type;
+  }
+  // In the order they happened.
+  EXPECT_EQ(journal.entries("*")[1]["event"], "captureUpdateWaiting");
 }
 
 } // namespace

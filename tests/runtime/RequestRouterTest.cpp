@@ -1,7 +1,7 @@
 // Routing requests by type: every request type reaches the desktop and answers JSON its
 // response record decodes; an unknown type, a body that is not JSON and a body that is not
 // the record answer the runtime errors a client can tell apart; a desktop's own error
-// passes through.
+// passes through; a next-update never waits here.
 
 #include "runtime/RequestRouter.h"
 #include "runtime/VirtualDesktop.h"
@@ -60,6 +60,12 @@ TEST_F(RequestRouterTest, EveryRequestTypeAnswersItsResponse) {
        decodesAs<ComputerUseIPCEventStreamStopRequest>()},
       {ComputerUseIPCCancelRequest::requestType, R"({"requestID":"ABC"})",
        [](const std::string &bytes) { return bytes == "{}"; }},
+      {ComputerUseIPCAppStartFrontmostCaptureRequest::requestType, R"({"requestId":"R1","windowID":1001})",
+       decodesAs<ComputerUseIPCAppStartFrontmostCaptureRequest>()},
+      {ComputerUseIPCAppNextCaptureUpdateRequest::requestType, R"({"requestId":"R1"})",
+       decodesAs<ComputerUseIPCAppNextCaptureUpdateRequest>()},
+      {ComputerUseIPCAppCancelCaptureRequest::requestType, R"({"requestId":"R1"})",
+       [](const std::string &bytes) { return bytes == "{}"; }},
   };
   for (const auto &row : rows) {
     SCOPED_TRACE(row.type);
@@ -73,6 +79,65 @@ TEST_F(RequestRouterTest, EveryRequestTypeAnswersItsResponse) {
   EXPECT_NE(state->content[0].text->find("value: \"Saved 2 times\""), std::string::npos);
   EXPECT_FALSE(desktop.eventStreamStatus({})->isRecording) << "the stop request stopped the recording";
   EXPECT_EQ(desktop.eventStreamStatus({})->endReason, "toolStopped");
+  EXPECT_FALSE(desktop.takeCaptureUpdate("R1").has_value()) << "the capture was cancelled";
+}
+
+// Routed, a next-update answers what is due or "timeout" at once, whatever it may wait;
+// the service does the waiting.
+TEST_F(RequestRouterTest, CaptureRequestsThroughTheRouter) {
+  struct Row {
+    std::string_view type;
+    std::string body;
+    std::string reply;          // exactly, or
+    std::string updateType;     // the type of the envelope's update
+    std::optional<RuntimeError> error;
+  };
+  const auto next = ComputerUseIPCAppNextCaptureUpdateRequest::requestType;
+  const auto startType = ComputerUseIPCAppStartFrontmostCaptureRequest::requestType;
+  const Row rows[] = {
+      {startType, R"({"requestId":"C","bundleIdentifier":"com.tavix.sim.files"})", "", "", std::nullopt},
+      {startType, R"({"requestId":"C"})",
+       R"({"error":{"code":"capture_already_running","message":"A capture is already running with requestId \"C\""}})",
+       "", std::nullopt},
+      {startType, R"({"requestId":"D","windowID":4294967295})",
+       R"({"error":{"code":"window_not_found","message":"Notes has no window 4294967295; its window is 1001"}})", "",
+       std::nullopt},
+      {startType, R"({"requestId":"D","windowID":4294967296})", "", "",
+       RuntimeError{-50, "Invalid ComputerUseIPCAppStartFrontmostCaptureRequest: Expected an integer in range for "
+                         "\"windowID\""}},
+      {startType, R"({"requestId":"D","windowID":-1})", "", "",
+       RuntimeError{-50, "Invalid ComputerUseIPCAppStartFrontmostCaptureRequest: Expected an integer in range for "
+                         "\"windowID\""}},
+      {next, R"({"requestId":"C","timeoutMs":60000})", "", "snapshot", std::nullopt},
+      {next, R"({"requestId":"C","timeoutMs":60000})", R"({"requestId":"C","update":{"type":"timeout"}})", "",
+       std::nullopt},
+      {next, R"({"requestId":"C"})", R"({"requestId":"C","update":{"type":"timeout"}})", "", std::nullopt},
+      {next, R"({"requestId":"ghost"})", "", "", RuntimeError{-1728, "No capture is running with requestId \"ghost\""}},
+      {next, R"({"timeoutMs":0})", "", "",
+       RuntimeError{-50, "Invalid ComputerUseIPCAppNextCaptureUpdateRequest: Missing required key \"requestId\""}},
+      {ComputerUseIPCAppCancelCaptureRequest::requestType, R"({"requestId":"C"})", "{}", "", std::nullopt},
+      {ComputerUseIPCAppCancelCaptureRequest::requestType, R"({"requestId":"C"})", "{}", "", std::nullopt},
+      {ComputerUseIPCAppCancelCaptureRequest::requestType, "{}", "", "",
+       RuntimeError{-50, "Invalid ComputerUseIPCAppCancelCaptureRequest: Missing required key \"requestId\""}},
+      {next, R"({"requestId":"C","timeoutMs":0})", "", "",
+       RuntimeError{-1728, "No capture is running with requestId \"C\""}},
+  };
+  for (const auto &row : rows) {
+    SCOPED_TRACE(std::string(row.type) + " " + row.body);
+    const auto reply = router.route(row.type, row.body, {});
+    if (row.error) {
+      ASSERT_FALSE(reply.has_value()) << *reply;
+      EXPECT_EQ(reply.error(), *row.error) << reply.error().errs;
+      continue;
+    }
+    ASSERT_TRUE(reply.has_value()) << reply.error().errs;
+    if (!row.reply.empty())
+      EXPECT_EQ(*reply, row.reply);
+    if (!row.updateType.empty())
+      EXPECT_EQ(parseJSON(*reply).value()["update"]["type"], row.updateType);
+    if (row.reply.empty() && row.updateType.empty())
+      EXPECT_EQ(parseJSON(*reply).value()["target"]["bundleIdentifier"], "com.tavix.sim.files");
+  }
 }
 
 TEST_F(RequestRouterTest, RefusalsNameTheTypeAndTheProblem) {

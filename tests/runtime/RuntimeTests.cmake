@@ -6,6 +6,7 @@ find_package(ZLIB REQUIRED)
 target_sources(tavix_tests PRIVATE
   ${CMAKE_CURRENT_LIST_DIR}/Base64EncoderTest.cpp
   ${CMAKE_CURRENT_LIST_DIR}/BitmapFontTest.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/CancellationTest.cpp
   ${CMAKE_CURRENT_LIST_DIR}/EditableTextTest.cpp
   ${CMAKE_CURRENT_LIST_DIR}/EventJournalTest.cpp
   ${CMAKE_CURRENT_LIST_DIR}/EventStreamRecorderTest.cpp
@@ -14,10 +15,11 @@ target_sources(tavix_tests PRIVATE
   ${CMAKE_CURRENT_LIST_DIR}/ReplyCacheTest.cpp
   ${CMAKE_CURRENT_LIST_DIR}/ReplyFormTest.cpp
   ${CMAKE_CURRENT_LIST_DIR}/RequestRouterTest.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/SimulatorCaptureTest.cpp
   ${CMAKE_CURRENT_LIST_DIR}/SimulatorOptionsTest.cpp
   ${CMAKE_CURRENT_LIST_DIR}/SimulatorServiceTest.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/VirtualDesktopCaptureTest.cpp
   ${CMAKE_CURRENT_LIST_DIR}/VirtualDesktopTest.cpp
-  ${CMAKE_CURRENT_LIST_DIR}/WorkerPoolTest.cpp
   ${CMAKE_CURRENT_LIST_DIR}/../testing/PrivateSessionBus.cpp
   ${CMAKE_CURRENT_LIST_DIR}/../testing/RuntimeSimulatorProcess.cpp
   ${CMAKE_CURRENT_LIST_DIR}/../testing/SimulatorControl.cpp)

@@ -4,6 +4,7 @@
 // window before the handler exists, and how the process ends. Tests wait on the
 // simulator's ready line and its journal, never on the clock.
 
+#include "contracts/AppshotContracts.h"
 #include "contracts/ComputerUseRequests.h"
 #include "contracts/EventStreamContracts.h"
 #include "platform/linux/SealedMemfd.h"
@@ -108,6 +109,12 @@ TEST_F(SimulatorServiceTest, EveryRequestTypeIsAnsweredWithItsResponse) {
       {ComputerUseIPCEventStreamStopRequest::requestType, R"({"reason":"toolStopped"})",
        decodesAs<ComputerUseIPCEventStreamStopRequest>()},
       {ComputerUseIPCCancelRequest::requestType, R"({"requestID":"NOTHING-PENDING"})",
+       [](const std::string &bytes) { return bytes == "{}"; }},
+      {ComputerUseIPCAppStartFrontmostCaptureRequest::requestType, R"({"requestId":"CAPTURE-1"})",
+       decodesAs<ComputerUseIPCAppStartFrontmostCaptureRequest>()},
+      {ComputerUseIPCAppNextCaptureUpdateRequest::requestType, R"({"requestId":"CAPTURE-1","timeoutMs":0})",
+       decodesAs<ComputerUseIPCAppNextCaptureUpdateRequest>()},
+      {ComputerUseIPCAppCancelCaptureRequest::requestType, R"({"requestId":"CAPTURE-1"})",
        [](const std::string &bytes) { return bytes == "{}"; }},
   };
   int sent = 0;

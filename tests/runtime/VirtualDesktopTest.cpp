@@ -80,25 +80,7 @@ protected:
   }
 
   DecodedPng screenshot(const std::string &app) {
-    return decodePng(base64Decode(*state(app, ComputerUseIPCObservationKind::screenshot).content.at(0).data));
-  }
-
-  static std::string base64Decode(const std::string &text) {
-    static const std::string alphabet = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-    std::string bytes;
-    uint32_t buffer = 0;
-    int bits = 0;
-    for (char c : text) {
-      if (c == '=')
-        break;
-      buffer = buffer << 6 | static_cast<uint32_t>(alphabet.find(c));
-      bits += 6;
-      if (bits >= 8) {
-        bits -= 8;
-        bytes.push_back(static_cast<char>(buffer >> bits & 0xFF));
-      }
-    }
-    return bytes;
+    return decodePng(decodeBase64(*state(app, ComputerUseIPCObservationKind::screenshot).content.at(0).data));
   }
 
   Clock::time_point now = Clock::time_point(std::chrono::seconds(1767225600)); // 2026-01-01
@@ -174,8 +156,9 @@ TEST_F(VirtualDesktopTest, ObservationChoosesTextImageOrBoth) {
 TEST_F(VirtualDesktopTest, ListAppsNamesEachAppWithItsBundleIdentifier) {
   const auto response = *desktop.listApps({});
   ASSERT_EQ(response.content.size(), 1u);
-  EXPECT_EQ(response.content[0].text, "Running apps:\n- Notes (com.tavix.sim.notes)\n"
-                                      "- Calculator (com.tavix.sim.calculator)\n- Files (com.tavix.sim.files)");
+  EXPECT_EQ(response.content[0].text, "Running apps:\n- Notes (com.tavix.sim.notes, window 1001), frontmost\n"
+                                      "- Calculator (com.tavix.sim.calculator, window 1002)\n"
+                                      "- Files (com.tavix.sim.files, window 1003)");
 }
 
 // ---- actions: what the next state shows ----

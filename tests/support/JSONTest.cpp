@@ -96,6 +96,31 @@ TEST(JSONParse, LargeTextsParseWhetherPaddedOrNot) {
   }
 }
 
+TEST(JSONParse, ExplainedParsingGivesTheValueOrWhereAndWhyItFailed) {
+  const std::pair<std::string_view, std::string_view> refused[] = {
+      {"", "parse error at line 1, column 1: syntax error while parsing value - unexpected end of input; "
+           "expected '[', '{', or a literal"},
+      {"tru", "parse error at line 1, column 4: syntax error while parsing value - invalid literal; last read: 'tru'"},
+      {"{\"a\":1,}", "parse error at line 1, column 8: syntax error while parsing object key - unexpected '}'; "
+                    "expected string literal"},
+      {"1 2", "parse error at line 1, column 3: syntax error while parsing value - unexpected number literal; "
+              "expected end of input"},
+      {"[1,\n2", "parse error at line 2, column 2: syntax error while parsing array - unexpected end of input; "
+                 "expected ']'"},
+  };
+  for (const auto &[text, error] : refused) {
+    const auto parsed = parseJSONExplained(text);
+    ASSERT_FALSE(parsed.has_value()) << text;
+    EXPECT_EQ(parsed.error(), error);
+  }
+  // Accepted texts read as parseJSON reads them, through either parser.
+  for (std::string_view text : {"{\"a\":[1,-0,2.5]}", "\xEF\xBB\xBF{}", "18446744073709551616", "\"x\""}) {
+    const auto parsed = parseJSONExplained(text);
+    ASSERT_TRUE(parsed.has_value()) << text;
+    EXPECT_EQ(parsed->dump(), parseJSON(text)->dump());
+  }
+}
+
 TEST(JSONSerialize, WritesWhatDumpWrites) {
   std::string everyControl;
   for (int c = 0; c < 0x20; ++c)

@@ -7,8 +7,11 @@
 
 #include <systemd/sd-bus.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <cstring>
 #include <memory>
+#include <utility>
 #include <stdexcept>
 #include <unistd.h>
 
@@ -116,6 +119,30 @@ int readReply(sd_bus_message *message, RuntimeReply &reply) {
 
 } // namespace
 
+// A request sent without waiting, until its reply arrives.
+struct SimulatorControl::Outstanding {
+  std::string requestID;
+  std::vector<ArrivedReply> *arrived = nullptr;
+  sd_bus_slot *slot = nullptr;
+  bool answered = false;
+
+  static int onReply(sd_bus_message *message, void *self, sd_bus_error *) {
+    auto &outstanding = *static_cast<Outstanding *>(self);
+    outstanding.answered = true;
+    if (const sd_bus_error *error = sd_bus_message_get_error(message)) {
+      outstanding.arrived->push_back({outstanding.requestID, tl::unexpected(busError(-EIO, *error))});
+      return 0;
+    }
+    RuntimeReply decoded;
+    if (const int r = readReply(message, decoded); r < 0) {
+      outstanding.arrived->push_back({outstanding.requestID, tl::unexpected(BusError{"errno", std::strerror(-r)})});
+      return 0;
+    }
+    outstanding.arrived->push_back({outstanding.requestID, std::move(decoded)});
+    return 0;
+  }
+};
+
 SimulatorControl::SimulatorControl(const std::string &busAddress, std::string destination)
     : destination_(std::move(destination)) {
   int r = sd_bus_new(&bus_);
@@ -132,7 +159,11 @@ SimulatorControl::SimulatorControl(const std::string &busAddress, std::string de
   uniqueName_ = unique;
 }
 
-SimulatorControl::~SimulatorControl() { sd_bus_flush_close_unref(bus_); }
+SimulatorControl::~SimulatorControl() {
+  for (auto &outstanding : outstanding_)
+    sd_bus_slot_unref(outstanding->slot);
+  sd_bus_flush_close_unref(bus_);
+}
 
 tl::expected<RuntimeReply, BusError> SimulatorControl::send(std::string_view requestType, std::string_view json,
                                                             std::string requestID, std::chrono::milliseconds timeout) {
@@ -173,6 +204,47 @@ tl::expected<RuntimeReply, BusError> SimulatorControl::sendArguments(const SendA
   if ((r = readReply(answer, decoded)) < 0)
     return tl::unexpected(busError(r, error.error));
   return decoded;
+}
+
+tl::expected<void, BusError> SimulatorControl::sendWithoutWaiting(std::string_view requestType, std::string_view json,
+                                                                  std::string requestID,
+                                                                  std::chrono::milliseconds timeout) {
+  SendArguments arguments;
+  arguments.requestType = std::string(requestType);
+  arguments.requestData = std::string(json);
+  arguments.requestID = std::move(requestID);
+  sd_bus_message *raw = nullptr;
+  int r = sd_bus_message_new_method_call(bus_, &raw, destination_.c_str(), bus::objectPath, bus::interfaceName,
+                                         bus::sendMethod);
+  Message call(raw);
+  if (r >= 0)
+    r = appendParameters(raw, arguments);
+  auto outstanding = std::make_unique<Outstanding>();
+  outstanding->requestID = *arguments.requestID;
+  outstanding->arrived = &arrived_;
+  if (r >= 0)
+    r = sd_bus_call_async(bus_, &outstanding->slot, raw, &Outstanding::onReply, outstanding.get(), microseconds(timeout));
+  if (r < 0)
+    return tl::unexpected(BusError{"errno", std::strerror(-r)});
+  outstanding_.push_back(std::move(outstanding));
+  return {};
+}
+
+std::vector<SimulatorControl::ArrivedReply> SimulatorControl::awaitReplies() {
+  const auto waiting = [this] {
+    return std::any_of(outstanding_.begin(), outstanding_.end(), [](const auto &outstanding) { return !outstanding->answered; });
+  };
+  while (waiting()) {
+    const int r = sd_bus_process(bus_, nullptr);
+    if (r < 0)
+      throw std::runtime_error(std::string("the connection failed: ") + std::strerror(-r));
+    if (r == 0 && sd_bus_wait(bus_, UINT64_MAX) < 0)
+      throw std::runtime_error("cannot wait on the connection");
+  }
+  for (auto &outstanding : outstanding_)
+    sd_bus_slot_unref(outstanding->slot);
+  outstanding_.clear();
+  return std::exchange(arrived_, {});
 }
 
 tl::expected<void, BusError> SimulatorControl::setFaults(std::string_view rulesJSON) {

@@ -7,7 +7,10 @@
 //     {"requestType": "…" or null, "requestID": "…" or null, "clientVersion": "…" or null,
 //      "payload": "inline" | "memfd" | "none", "bodyBytes": n,
 //      "body": <the request's JSON, only when at most 64 KiB>}
-//   (entries for another event than ZlCu/SndR also carry "eventClass" and "eventID").
+//   (entries for another event than ZlCu/SndR also carry "eventClass" and "eventID"),
+//   and the simulator's own events, selected by their name as a request type is:
+//     {"event": "captureUpdateWaiting", "requestID": "<RqID of the next-update>",
+//      "captureRequestId": "…", "timeoutMs": n}   a next-update has started waiting
 //
 // One object is one bus connection; use it from one thread at a time.
 
@@ -16,6 +19,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -71,6 +75,19 @@ public:
   tl::expected<RuntimeReply, BusError> sendArguments(const SendArguments &arguments,
                                                      std::chrono::milliseconds timeout = std::chrono::seconds(60));
 
+  // Sends one request (inline) and returns at once; awaitReplies() reads its reply. Several
+  // may be under way on the one connection, beside calls that wait.
+  tl::expected<void, BusError> sendWithoutWaiting(std::string_view requestType, std::string_view json,
+                                                  std::string requestID,
+                                                  std::chrono::milliseconds timeout = std::chrono::seconds(60));
+  struct ArrivedReply {
+    std::string requestID;
+    tl::expected<RuntimeReply, BusError> reply;
+  };
+  // Waits for the reply of every request sent without waiting (each ends by its time-out at
+  // the latest): the replies in the order they arrived.
+  std::vector<ArrivedReply> awaitReplies();
+
   tl::expected<void, BusError> setFaults(std::string_view rulesJSON);
   // The journal; these throw std::runtime_error when the call fails.
   nlohmann::json events();
@@ -84,7 +101,11 @@ public:
   tl::expected<std::vector<std::string>, BusError> queuedOwners(const std::string &name);
 
 private:
+  struct Outstanding;
+
   sd_bus *bus_ = nullptr;
+  std::vector<std::unique_ptr<Outstanding>> outstanding_;
+  std::vector<ArrivedReply> arrived_;
   std::string destination_;
   std::string uniqueName_;
 };

@@ -1,6 +1,6 @@
 #pragma once
-// A few threads that run posted jobs, so that slow requests (a scripted delay, a large
-// screenshot) never hold up the bus thread or one another.
+// A fixed set of threads that run posted jobs in order of posting, so that slow work
+// never holds up the thread that posts it, nor one another.
 
 #include <condition_variable>
 #include <cstddef>
@@ -10,7 +10,7 @@
 #include <thread>
 #include <vector>
 
-namespace tavix::runtime {
+namespace tavix {
 
 class WorkerPool {
 public:
@@ -32,4 +32,4 @@ private:
   std::vector<std::thread> threads_;
 };
 
-} // namespace tavix::runtime
+} // namespace tavix

@@ -1,6 +1,6 @@
-#include "runtime/WorkerPool.h"
+#include "support/WorkerPool.h"
 
-namespace tavix::runtime {
+namespace tavix {
 
 WorkerPool::WorkerPool(size_t threads) {
   threads_.reserve(threads);
@@ -41,4 +41,4 @@ void WorkerPool::work() {
   }
 }
 
-} // namespace tavix::runtime
+} // namespace tavix
