@@ -5,6 +5,7 @@
 // waits.
 
 #include "support/JSON.h"
+#include "TestPaths.h"
 #include "testing/ChildProcess.h"
 #include "testing/PrivateSessionBus.h"
 #include "testing/RuntimeSimulatorProcess.h"

@@ -1,6 +1,7 @@
 // Drives the real bridge executable over pipes, as a host does.
 
 #include "testing/ChildProcess.h"
+#include "TestPaths.h"
 #include "testing/PropertyListWriter.h"
 #include "testing/TemporaryDirectory.h"
 

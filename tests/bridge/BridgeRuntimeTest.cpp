@@ -4,6 +4,7 @@
 // replaced, and the request queue's limits hold while the runtime is slow.
 
 #include "support/JSON.h"
+#include "TestPaths.h"
 #include "testing/ChildProcess.h"
 #include "testing/PrivateSessionBus.h"
 #include "testing/RuntimeSimulatorProcess.h"

@@ -1,4 +1,5 @@
 #include "gateway/ToolCatalogue.h"
+#include "TestPaths.h"
 
 #include <gtest/gtest.h>
 

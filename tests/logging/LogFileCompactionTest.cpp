@@ -2,6 +2,7 @@
 // writing and compacting one file at once.
 
 #include "logging/LogFileCompaction.h"
+#include "TestPaths.h"
 
 #include "fakes/CapturedLog.h"
 #include "testing/ChildProcess.h"

@@ -25,5 +25,3 @@ target_sources(tavix_tests PRIVATE
   ${CMAKE_CURRENT_LIST_DIR}/../testing/SimulatorControl.cpp)
 target_link_libraries(tavix_tests PRIVATE tavix_runtime ZLIB::ZLIB PkgConfig::SYSTEMD)
 add_dependencies(tavix_tests TavixComputerUseRuntimeSimulator)
-target_compile_definitions(tavix_tests PRIVATE
-  TAVIX_RUNTIME_SIMULATOR_EXECUTABLE="$<TARGET_FILE:TavixComputerUseRuntimeSimulator>")

@@ -1,4 +1,5 @@
 #include "testing/RuntimeSimulatorProcess.h"
+#include "TestPaths.h"
 
 #include <csignal>
 #include <stdexcept>
