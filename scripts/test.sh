@@ -1,22 +1,29 @@
 #!/usr/bin/env bash
-# Builds and runs the whole test suite: the default build, then the same suite under
-# ASan+UBSan and under TSan, then the fuzzers over their seed corpora for a short while.
-# Usage: scripts/test.sh [preset ...]   (default: debug asan-ubsan tsan fuzz)
+# Builds and runs the whole test suite: the suite under ASan+UBSan (clang, which also
+# builds the fuzzers with coverage) and then under TSan (g++), then the fuzzers over
+# their seed corpora for a short while. Warnings are errors.
+# Usage: scripts/test.sh [preset ...]   (default: asan-ubsan tsan; a fuzzer run follows
+# the asan-ubsan build). For one folder or test while working, see scripts/check.sh.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/setup.sh
 
 presets=("$@")
-((${#presets[@]})) || presets=(debug asan-ubsan tsan fuzz)
+((${#presets[@]})) || presets=(asan-ubsan tsan)
 jobs=$(nproc)
 
 for preset in "${presets[@]}"; do
   echo "== $preset"
-  cmake --preset "$preset" >/dev/null
+  start=$SECONDS
+  cmake --preset "$preset" -DTAVIX_WERROR=ON >/dev/null
   cmake --build --preset "$preset" -j "$jobs"
-  if [[ $preset == fuzz ]]; then
+  echo "== $preset: built in $((SECONDS - start)) s"
+  start=$SECONDS
+  ctest --preset "$preset" -j "$jobs" --timeout 300
+  echo "== $preset: tested in $((SECONDS - start)) s"
+  if [[ -d build/$preset/fuzz ]]; then
+    start=$SECONDS
     bash scripts/run-fuzzers.sh "build/$preset"
-  else
-    ctest --preset "$preset" -j "$jobs" --timeout 300
+    echo "== $preset: fuzzed in $((SECONDS - start)) s"
   fi
 done

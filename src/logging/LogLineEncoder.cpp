@@ -76,7 +76,7 @@ bool needsQuoting(std::string_view text) {
   return text.find_first_of("\"=\\") != std::string_view::npos || containsWhitespace(text);
 }
 
-std::string quoted(std::string_view text) {
+std::string quotedText(std::string_view text) {
   std::string result = "\"";
   for (char c : text) {
     if (c == '\\' || c == '"')
@@ -156,7 +156,7 @@ std::string encodeLogValue(const LogValue &value, std::string_view key, std::str
   }
   if (text.empty())
     return "\"\"";
-  return needsQuoting(text) ? quoted(text) : text;
+  return needsQuoting(text) ? quotedText(text) : text;
 }
 
 std::string encodeLogLine(LogLevel level, LogCategory category, std::string_view event,
