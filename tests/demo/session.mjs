@@ -2,7 +2,7 @@
 // simulator on a private session bus: the bridge launches the simulator itself, then the
 // session lists apps, reads the Notes window, clicks, types, saves and reads it again,
 // keeps the last screenshot, and tries the record-and-replay tools. Prints each request
-// and answer, then the bridge's log file.
+// and answer, then the bridge's log file. tests/e2e runs it too, and checks what it prints.
 // Usage: node tests/demo/session.mjs <bridge> <simulator> <log directory> <output directory>
 // with DBUS_SESSION_BUS_ADDRESS naming the private bus.
 import { mkdirSync, readFileSync, writeFileSync } from 'node:fs';
@@ -12,32 +12,19 @@ import { getDefaultEnvironment, StdioClientTransport } from '@modelcontextprotoc
 
 const [bridge, simulator, logDir, outDir] = process.argv.slice(2);
 if (!bridge || !simulator || !logDir || !outDir || !process.env.DBUS_SESSION_BUS_ADDRESS) {
-  console.error('usage: DBUS_SESSION_BUS_ADDRESS=... node tests/demo/session.mjs '
-    + '<bridge> <simulator> <log directory> <output directory>');
+  console.error('usage: DBUS_SESSION_BUS_ADDRESS=... node tests/demo/session.mjs <bridge> <simulator> <log directory> <output directory>');
   process.exit(2);
 }
-mkdirSync(logDir, { recursive: true });
-mkdirSync(outDir, { recursive: true });
+for (const directory of [logDir, outDir]) mkdirSync(directory, { recursive: true });
 
-// Images are shown by size: the model gets the bytes, a terminal does not need them.
-const shown = (result) => ({
-  ...result,
-  content: result.content?.map((item) => (item.type === 'image'
-    ? { type: 'image', mimeType: item.mimeType, data: `<${item.data.length} bytes of base64>` }
-    : item)),
-});
-const show = (label, value) => console.log(`\n>>> ${label}\n${
-  typeof value === 'string' ? value : JSON.stringify(value, null, 2)}`);
+const show = (label, value) => console.log(`\n>>> ${label}\n${typeof value === 'string' ? value : JSON.stringify(value, null, 2)}`);
 
 async function connect(modeArgs) {
   console.log(`\n===== ${bridge} ${modeArgs.join(' ')}`);
   // A host passes a stripped environment; the bus and the runtime's path are added here.
-  const transport = new StdioClientTransport({
-    command: bridge, args: modeArgs, stderr: 'inherit',
-    env: { ...getDefaultEnvironment(), TAVIX_CU_LOG_DIR: logDir,
-      DBUS_SESSION_BUS_ADDRESS: process.env.DBUS_SESSION_BUS_ADDRESS,
-      TAVIX_COMPUTER_USE_RUNTIME_PATH: simulator },
-  });
+  const env = { ...getDefaultEnvironment(), TAVIX_CU_LOG_DIR: logDir, TAVIX_COMPUTER_USE_RUNTIME_PATH: simulator,
+    DBUS_SESSION_BUS_ADDRESS: process.env.DBUS_SESSION_BUS_ADDRESS };
+  const transport = new StdioClientTransport({ command: bridge, args: modeArgs, stderr: 'inherit', env });
   const client = new Client({ name: 'bridge-demo', version: '1.0.0' });
   await client.connect(transport);
   show('initialize: server', { serverInfo: client.getServerVersion() });
@@ -48,7 +35,9 @@ async function connect(modeArgs) {
 
 async function call(client, name, args) {
   const result = await client.callTool({ name, arguments: args });
-  show(`tools/call ${name} ${JSON.stringify(args)}`, shown(result));
+  // Images are shown by size: the model gets the bytes, a terminal does not need them.
+  show(`tools/call ${name} ${JSON.stringify(args)}`, { ...result, content: result.content?.map((item) =>
+    (item.type === 'image' ? { type: 'image', mimeType: item.mimeType, data: `<${item.data.length} bytes of base64>` } : item)) });
   if (result.isError) throw new Error(`${name} failed: ${result.content?.[0]?.text}`);
   return result;
 }
@@ -62,26 +51,21 @@ const elementIndex = (state, pattern) => {
 
 const client = await connect(['mcp']);
 await call(client, 'list_apps', {});
-const before = await call(client, 'get_app_state', { app: 'Notes' });
-const title = elementIndex(stateText(before), 'text field "Title"');
-const save = elementIndex(stateText(before), 'button "Save"');
-await call(client, 'click', { app: 'Notes', element_index: title });
+const before = stateText(await call(client, 'get_app_state', { app: 'Notes' }));
+await call(client, 'click', { app: 'Notes', element_index: elementIndex(before, 'text field "Title"') });
 await call(client, 'type_text', { app: 'Notes', text: 'Hello from the bridge' });
-await call(client, 'click', { app: 'Notes', element_index: save });
+await call(client, 'click', { app: 'Notes', element_index: elementIndex(before, 'button "Save"') });
 const after = await call(client, 'get_app_state', { app: 'Notes', _meta: { sessionId: 'demo' } });
 show('the Notes window now', stateText(after));
-const image = after.content.find((item) => item.type === 'image');
 const screenshot = join(outDir, 'notes-after-typing.png');
-writeFileSync(screenshot, Buffer.from(image.data, 'base64'));
+writeFileSync(screenshot, Buffer.from(after.content.find((item) => item.type === 'image').data, 'base64'));
 console.log(`\nScreenshot of the Notes window saved to ${screenshot}`);
 await client.close();
 
 const recorder = await connect(['event-stream', 'mcp']);
-await call(recorder, 'event_stream_start', { max_duration_seconds: 60 });
-await call(recorder, 'event_stream_status', {});
-await call(recorder, 'event_stream_stop', {});
+for (const [name, args] of [['event_stream_start', { max_duration_seconds: 60 }], ['event_stream_status', {}], ['event_stream_stop', {}]])
+  await call(recorder, name, args);
 await recorder.close();
 
 const logFile = join(logDir, 'computer-use-runtime.log');
-console.log(`\n===== ${logFile}\n${readFileSync(logFile, 'utf8')}`);
-console.log(`Screenshot: ${screenshot}`);
+console.log(`\n===== ${logFile}\n${readFileSync(logFile, 'utf8')}\nScreenshot: ${screenshot}`);
