@@ -139,12 +139,14 @@ TEST(AppshotStdioServer, ReadsLinesHoweverTheBytesArriveAndRefusesTooLongOnesWho
   harness.start();
   const std::string cancel = R"({"method":"cancelAppshotCapture","params":{"requestId":"r1"},"id":)";
   const size_t limit = AppshotStdioLineReader::longestLine;
-  // Blank lines are skipped and lines trimmed, of Unicode white space too. A line as long as
-  // allowed is served; one a byte longer is refused, and so is one far longer, skipped as
-  // it comes in. A line may arrive in pieces, and the last one needs no line feed.
-  for (const std::string &piece : {"\n \t\r\n\xC2\xA0\n\r\n" + (cancel + "1}").append(limit - cancel.size() - 2, ' ') + "\n",
-                                   std::string(limit + 1, ' ') + "\n" + std::string(3 * limit, ' ') + "\n\t " + cancel,
-                                   "2} \xE2\x80\xA8\r\n" + cancel + "3}"})
+  const auto longest = [&](std::string line) { return line.append(limit - line.size(), ' '); };
+  // Blank lines are skipped and lines trimmed, of Unicode white space too. Lines as long as
+  // allowed are served, with a line feed or as the last line, which needs none; one a byte
+  // longer is refused, and so is one far longer, skipped as it comes in. A line may arrive
+  // in pieces.
+  for (const std::string &piece : {"\n \t\r\n\xC2\xA0\n\r\n" + longest(cancel + "1}") + "\n" + std::string(limit + 1, ' ') +
+                                       "\n" + std::string(3 * limit, ' ') + "\n\t " + cancel,
+                                   "2} \xE2\x80\xA8\r\n" + longest(cancel + "3}")})
     harness.input.writeAndDrain(piece);
   harness.endInputAndWait();
   const std::string tooLong = error("invalid_json", "Request line is longer than 1048576 bytes");
