@@ -18,7 +18,6 @@ target_sources(tavix_tests PRIVATE
   ${CMAKE_CURRENT_LIST_DIR}/SimulatorCaptureTest.cpp
   ${CMAKE_CURRENT_LIST_DIR}/SimulatorOptionsTest.cpp
   ${CMAKE_CURRENT_LIST_DIR}/SimulatorServiceTest.cpp
-  ${CMAKE_CURRENT_LIST_DIR}/VirtualDesktopCaptureTest.cpp
   ${CMAKE_CURRENT_LIST_DIR}/VirtualDesktopTest.cpp
   ${CMAKE_CURRENT_LIST_DIR}/../testing/PrivateSessionBus.cpp
   ${CMAKE_CURRENT_LIST_DIR}/../testing/RuntimeSimulatorProcess.cpp

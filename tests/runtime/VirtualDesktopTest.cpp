@@ -1,24 +1,33 @@
 // The virtual desktop as the service's callers see it: each action changes what the next
-// state shows, failures answer error results of a fitting kind, the screenshot is a real
-// PNG of the window that follows the state and is encoded once per change, and health
-// counts the clients that keep their activity fresh.
+// state shows, failures answer error results of a fitting kind and change nothing, the
+// screenshot is a real PNG of the window that follows the state and is encoded once per
+// change, health counts the clients that keep their activity fresh, and appshot captures
+// (which app and window a start targets, the updates that come due, how long a
+// next-update waits at each boundary of its timeoutMs, unknown and cancelled captures, the
+// change listener the service waits on). Time is passed in, never slept.
 
-#include "runtime/VirtualAppCatalogue.h"
+#include "runtime/CaptureUpdates.h"
+#include "runtime/DecodedPng.h"
 #include "runtime/VirtualAppActions.h"
+#include "runtime/VirtualAppCatalogue.h"
 #include "runtime/VirtualDesktop.h"
 #include "runtime/WindowRenderer.h"
-#include "runtime/DecodedPng.h"
 
 #include <gtest/gtest.h>
 
-#include <unistd.h>
+#include <climits>
+#include <functional>
 
 namespace tavix::test {
 namespace {
 
 using namespace runtime;
+using namespace std::chrono_literals;
 using Kind = ComputerUseFailure::Kind;
-using Clock = std::chrono::system_clock;
+using Observation = ComputerUseIPCObservationKind;
+
+constexpr const char *notes = "com.tavix.sim.notes", *calculator = "com.tavix.sim.calculator",
+                     *files = "com.tavix.sim.files";
 
 ComputerUseIPCAction click(int64_t index, int64_t count = 1, int64_t button = 0) {
   return {ClickParams{index, std::nullopt, std::nullopt, count, button}};
@@ -30,9 +39,7 @@ ComputerUseIPCAction setValue(int64_t index, std::string value) { return {SetVal
 ComputerUseIPCAction scroll(int64_t index, int64_t direction, double pages = 1) {
   return {ScrollParams{index, std::nullopt, std::nullopt, direction, pages}};
 }
-ComputerUseIPCAction drag(double fromX, double fromY, double toX, double toY) {
-  return {DragParams{fromX, fromY, toX, toY}};
-}
+ComputerUseIPCAction drag(double fromX, double fromY, double toX, double toY) { return {DragParams{fromX, fromY, toX, toY}}; }
 ComputerUseIPCAction selectText(int64_t index, std::string text, TextSelectionMode mode = TextSelectionMode::text,
                                 std::optional<std::string> prefix = std::nullopt) {
   return {TextSelectionParams{index, std::move(text), std::move(prefix), std::nullopt, mode}};
@@ -42,11 +49,26 @@ ComputerUseIPCAction secondary(int64_t index, std::optional<std::string> action)
 }
 ComputerUseIPCAction paste(std::string text) { return {PasteParams{std::move(text), PasteFormat::text}}; }
 
-// The centre of an element of a freshly laid out app, for actions that aim by position.
-std::pair<double, double> centre(const VirtualApp &app, size_t index) {
-  const Rect frame = app.element(index).frame;
-  return {frame.x + frame.width / 2.0, frame.y + frame.height / 2.0};
+ComputerUseIPCAppStartFrontmostCaptureRequest start(std::string id, std::optional<std::string> bundle = std::nullopt,
+                                                    std::optional<uint32_t> window = std::nullopt) {
+  return {.requestId = std::move(id), .bundleIdentifier = std::move(bundle), .windowID = window, .animationTarget = {}};
 }
+
+ComputerUseIPCToolResultResponse act(VirtualDesktop &desktop, const std::string &app, ComputerUseIPCAction action) {
+  ComputerUseIPCAppPerformActionRequest request;
+  request.app = app;
+  request.action = std::move(action);
+  return *desktop.performAction(request);
+}
+
+ComputerUseIPCToolResultResponse state(VirtualDesktop &desktop, const std::string &app,
+                                       std::optional<Observation> observation = Observation::state) {
+  return *desktop.getAppState({app, std::nullopt, observation, std::nullopt});
+}
+
+std::string stateText(VirtualDesktop &desktop, const std::string &app) { return *state(desktop, app).content.at(0).text; }
+
+bool contains(const std::string &text, const std::string &part) { return text.find(part) != std::string::npos; }
 
 class VirtualDesktopTest : public testing::Test {
 protected:
@@ -54,9 +76,6 @@ protected:
 
   VirtualDesktopOptions options() {
     VirtualDesktopOptions made;
-    made.generationID = "GEN";
-    made.bundleIdentifier = "com.tavix.computeruse.test";
-    made.bundlePath = "/opt/runtime";
     made.screenWidth = width;
     made.screenHeight = height;
     made.now = [this] { return now; };
@@ -64,411 +83,308 @@ protected:
   }
 
   ComputerUseIPCToolResultResponse act(const std::string &app, ComputerUseIPCAction action) {
-    ComputerUseIPCAppPerformActionRequest request;
-    request.app = app;
-    request.action = std::move(action);
-    return *desktop.performAction(request);
-  }
-
-  ComputerUseIPCToolResultResponse state(const std::string &app,
-                                         std::optional<ComputerUseIPCObservationKind> observation) {
-    return *desktop.getAppState({app, std::nullopt, observation, std::nullopt});
-  }
-
-  std::string stateText(const std::string &app) {
-    return *state(app, ComputerUseIPCObservationKind::state).content.at(0).text;
+    return test::act(desktop, app, std::move(action));
   }
 
   DecodedPng screenshot(const std::string &app) {
-    return decodePng(decodeBase64(*state(app, ComputerUseIPCObservationKind::screenshot).content.at(0).data));
+    return decodePng(decodeBase64(*state(desktop, app, Observation::screenshot).content.at(0).data));
   }
 
-  Clock::time_point now = Clock::time_point(std::chrono::seconds(1767225600)); // 2026-01-01
+  // A start's target bundle identifier, or its error as "code: message".
+  std::string startOf(const ComputerUseIPCAppStartFrontmostCaptureRequest &request) {
+    const auto response = desktop.startCapture(request).value();
+    EXPECT_EQ(response.transitionSnapshotHeight.has_value(), response.target.has_value());
+    if (!response.target)
+      return response.error.value().code + ": " + response.error->message;
+    EXPECT_EQ(response.transitionSnapshotHeight, height);
+    return response.target->bundleIdentifier;
+  }
+
+  // A look whose deadline has passed: the due update, or "timeout".
+  CaptureLook lookNow(const std::string &id, bool again = false) {
+    return CaptureUpdates::look(desktop, id, received, received, again);
+  }
+
+  // The type of the update a look answered, or "" when the call waits on.
+  static std::string typeOf(const CaptureLook &look) {
+    EXPECT_FALSE(look.error.has_value()) << look.error->errs;
+    return look.reply ? look.reply->update.type : "";
+  }
+
+  std::chrono::system_clock::time_point now{std::chrono::seconds(1767225600)}; // 2026-01-01
+  const CaptureUpdates::Clock::time_point received{1h};
   VirtualDesktop desktop{options()};
 };
-
-bool hasLine(const std::string &text, const std::string &line) {
-  return text.find("\n" + line + "\n") != std::string::npos;
-}
 
 // ---- the state text ----
 
 TEST_F(VirtualDesktopTest, StateTextListsTheWindowAndItsElementsInTreeOrder) {
-  const std::string text = stateText("Notes");
-  EXPECT_TRUE(text.starts_with("<app_state>\n")) << text;
-  EXPECT_TRUE(text.ends_with("\n</app_state>")) << text;
-  for (const char *line : {
-           "App: Notes",
-           "Bundle identifier: com.tavix.sim.notes",
-           "Window: \"Notes - Untitled\", 800x600 pixels",
-           "Focused element: none",
-           "0 window \"Notes - Untitled\"",
-           "  1 text field \"Title\" value: \"\" secondary actions: Clear, Select All",
-           "  2 text area \"Body\" value: \"\" secondary actions: Clear, Select All",
-           "  3 button \"Save\" secondary actions: Press",
-           "  4 static text \"Status\" value: \"Not saved\"",
-           "  5 list \"Recent notes\" (shows items 1-4 of 12, scrollable)",
-           "    6 row \"Shopping list\" secondary actions: Select, Delete",
-           "    9 row \"Book ideas\" secondary actions: Select, Delete",
-       })
-    EXPECT_TRUE(hasLine(text, line)) << line << "\nin\n" << text;
-}
-
-TEST_F(VirtualDesktopTest, AppsAreFoundByNameOrBundleIdentifierInAnyCase) {
-  for (const char *query : {"Notes", "notes", "NOTES", "com.tavix.sim.notes", "COM.TAVIX.SIM.NOTES"})
-    EXPECT_TRUE(hasLine(stateText(query), "App: Notes")) << query;
-  EXPECT_TRUE(hasLine(stateText("Calculator"), "  1 static text \"Display\" value: \"0\""));
-  EXPECT_TRUE(hasLine(stateText("com.tavix.sim.files"), "  9 button \"Open\" secondary actions: Press"));
+  const std::string text = stateText(desktop, "Notes");
+  EXPECT_TRUE(text.starts_with("<app_state>\n") && text.ends_with("\n</app_state>")) << text;
+  for (const char *line : {"App: Notes", "Bundle identifier: com.tavix.sim.notes",
+                           "Window: \"Notes - Untitled\", 800x600 pixels", "Focused element: none",
+                           "0 window \"Notes - Untitled\"",
+                           "  1 text field \"Title\" value: \"\" secondary actions: Clear, Select All",
+                           "  2 text area \"Body\" value: \"\" secondary actions: Clear, Select All",
+                           "  3 button \"Save\" secondary actions: Press", "  4 static text \"Status\" value: \"Not saved\"",
+                           "  5 list \"Recent notes\" (shows items 1-4 of 12, scrollable)",
+                           "    6 row \"Shopping list\" secondary actions: Select, Delete",
+                           "    9 row \"Book ideas\" secondary actions: Select, Delete"})
+    EXPECT_TRUE(contains(text, "\n" + std::string(line) + "\n")) << line << "\nin\n" << text;
+  // Apps are found by name or bundle identifier in any case.
+  for (const char *query : {"notes", "NOTES", "com.tavix.sim.notes", "COM.TAVIX.SIM.NOTES"})
+    EXPECT_EQ(stateText(desktop, query), text) << query;
+  EXPECT_TRUE(contains(stateText(desktop, "Calculator"), "\n  1 static text \"Display\" value: \"0\"\n"));
+  EXPECT_TRUE(contains(stateText(desktop, files), "\n  9 button \"Open\" secondary actions: Press\n"));
+  EXPECT_EQ(desktop.listApps({})->content.at(0).text,
+            "Running apps:\n- Notes (com.tavix.sim.notes, window 1001), frontmost\n"
+            "- Calculator (com.tavix.sim.calculator, window 1002)\n- Files (com.tavix.sim.files, window 1003)");
 }
 
 TEST_F(VirtualDesktopTest, AnUnknownAppIsAnErrorResultNamingTheApps) {
-  for (const auto &response : {state("Paint", std::nullopt), act("Paint", click(1))}) {
+  for (const auto &response : {state(desktop, "Paint", std::nullopt), act("Paint", click(1))}) {
     EXPECT_TRUE(response.isError);
-    ASSERT_TRUE(response.failure.has_value());
-    EXPECT_EQ(response.failure->kind, Kind::appNotFound);
-    EXPECT_EQ(response.failure->detail, "Paint");
+    EXPECT_EQ(response.failure, (ComputerUseFailure{Kind::appNotFound, "Paint", {}, {}}));
     ASSERT_EQ(response.content.size(), 1u);
-    EXPECT_EQ(response.content[0].text,
-              "App not found: \"Paint\". The running apps are Notes, Calculator, Files.");
+    EXPECT_EQ(response.content[0].text, "App not found: \"Paint\". The running apps are Notes, Calculator, Files.");
   }
 }
 
 TEST_F(VirtualDesktopTest, ObservationChoosesTextImageOrBoth) {
-  const std::pair<std::optional<ComputerUseIPCObservationKind>, std::vector<std::string>> rows[] = {
-      {std::nullopt, {"text", "image"}},
-      {ComputerUseIPCObservationKind::both, {"text", "image"}},
-      {ComputerUseIPCObservationKind::state, {"text"}},
-      {ComputerUseIPCObservationKind::screenshot, {"image"}},
-  };
+  const std::pair<std::optional<Observation>, std::vector<std::string>> rows[] = {
+      {std::nullopt, {"text", "image"}}, {Observation::both, {"text", "image"}},
+      {Observation::state, {"text"}}, {Observation::screenshot, {"image"}}};
   for (const auto &[observation, types] : rows) {
-    const auto response = state("Files", observation);
-    EXPECT_FALSE(response.isError);
     std::vector<std::string> seen;
-    for (const auto &block : response.content) {
+    for (const auto &block : state(desktop, "Files", observation).content) {
       seen.push_back(block.type);
-      if (block.type == "image")
-        EXPECT_EQ(block.mimeType, "image/png");
+      EXPECT_EQ(block.mimeType, block.type == "image" ? std::optional<std::string>("image/png") : std::nullopt);
     }
     EXPECT_EQ(seen, types);
   }
 }
 
-TEST_F(VirtualDesktopTest, ListAppsNamesEachAppWithItsBundleIdentifier) {
-  const auto response = *desktop.listApps({});
-  ASSERT_EQ(response.content.size(), 1u);
-  EXPECT_EQ(response.content[0].text, "Running apps:\n- Notes (com.tavix.sim.notes, window 1001), frontmost\n"
-                                      "- Calculator (com.tavix.sim.calculator, window 1002)\n"
-                                      "- Files (com.tavix.sim.files, window 1003)");
-}
-
 // ---- actions: what the next state shows ----
 
-struct ActionRow {
-  const char *name;
-  std::string app;
-  std::vector<ComputerUseIPCAction> steps;
-  std::vector<std::string> lines; // in the state after the last step
-};
-
 TEST_F(VirtualDesktopTest, EachActionChangesTheNextState) {
-  const VirtualApp notes = VirtualAppCatalogue::makeNotes(width, height);
-  const auto [titleX, titleY] = centre(notes, 1);
-  const auto [row6X, row6Y] = centre(notes, 6);
-  const auto [row8X, row8Y] = centre(notes, 8);
-  const std::string fourMegabytes(PasteParams::maxTextBytes, 'p');
-  auto repeated = [](std::string_view piece, size_t times) {
+  const VirtualApp app = VirtualAppCatalogue::makeNotes(width, height);
+  const auto centre = [&](size_t index) {
+    const Rect frame = app.element(index).frame;
+    return std::pair{frame.x + frame.width / 2.0, frame.y + frame.height / 2.0};
+  };
+  const auto [titleX, titleY] = centre(1);
+  const auto [row6X, row6Y] = centre(6);
+  const auto [row8X, row8Y] = centre(8);
+  const auto repeated = [](std::string_view piece, size_t times) {
     std::string text;
-    for (size_t i = 0; i < times; ++i)
+    while (times-- > 0)
       text += piece;
     return text;
   };
-  const ActionRow rows[] = {
-      {"a click focuses a text field and typing appends", "Notes", {click(1), type("Hello"), type(" you")},
-       {"  1 text field \"Title\" value: \"Hello you\" (focused, cursor at byte 9) secondary actions: Clear, Select All",
-        "Focused element: 1"}},
-      {"a click at a position hits the element there", "Notes", {clickAt(titleX, titleY), type("x")},
-       {"Focused element: 1"}},
-      {"pressing Save changes the status, the window and the recent notes", "Notes", {click(1), type("Plan"), click(3)},
-       {"  4 static text \"Status\" value: \"Saved 1 time\"", "0 window \"Notes - Plan\"",
-        "    6 row \"Plan\" secondary actions: Select, Delete",
-        "  5 list \"Recent notes\" (shows items 1-4 of 13, scrollable)"}},
-      {"each press counts", "Notes", {click(3), click(3)}, {"  4 static text \"Status\" value: \"Saved 2 times\""}},
-      {"a click presses as many times as it counts", "Notes", {click(3, VirtualAppActions::maximumPresses)},
-       {"  4 static text \"Status\" value: \"Saved 10 times\""}},
-      {"but at most ten times", "Notes", {click(3, VirtualAppActions::maximumPresses + 1)},
-       {"  4 static text \"Status\" value: \"Saved 10 times\""}},
-      {"a double click selects a field's text", "Notes", {setValue(1, "Hello"), click(1, 2)},
-       {"  1 text field \"Title\" value: \"Hello\" (focused, selected bytes 0-5) secondary actions: Clear, Select All"}},
-      {"a right click shows the menu and changes nothing", "Notes", {click(3, 1, 1)},
-       {"  4 static text \"Status\" value: \"Not saved\""}},
-      {"the last element can be clicked", "Notes", {click(9)}, {"    9 row \"Book ideas\" (selected) secondary actions: Select, Delete"}},
-      {"BackSpace deletes before the cursor", "Notes", {click(1), type("Hello"), key("BackSpace")},
-       {"  1 text field \"Title\" value: \"Hell\" (focused, cursor at byte 4) secondary actions: Clear, Select All"}},
-      {"Left then Delete deletes the character after", "Notes", {click(1), type("abc"), key("Left"), key("Left"), key("Delete")},
-       {"  1 text field \"Title\" value: \"ac\" (focused, cursor at byte 1) secondary actions: Clear, Select All"}},
-      {"Home then typing inserts at the start", "Notes", {click(1), type("bc"), key("Home"), key("a")},
-       {"  1 text field \"Title\" value: \"abc\" (focused, cursor at byte 1) secondary actions: Clear, Select All"}},
-      {"Return in a text area starts a line", "Notes", {click(2), type("a"), key("Return"), type("b")},
-       {"  2 text area \"Body\" value: \"a\\nb\" (focused, cursor at byte 3) secondary actions: Clear, Select All"}},
-      {"Return in a text field presses the default button", "Notes", {click(1), key("return")},
-       {"  4 static text \"Status\" value: \"Saved 1 time\""}},
-      {"Return without focus presses the default button", "Notes", {key("Return")},
-       {"  4 static text \"Status\" value: \"Saved 1 time\""}},
-      {"Tab moves the focus to the next field", "Notes", {click(1), key("Tab")}, {"Focused element: 2"}},
-      {"Tab without focus focuses the first field", "Notes", {key("Tab")}, {"Focused element: 1"}},
-      {"Escape ends the focus", "Notes", {click(1), key("Escape")}, {"Focused element: none"}},
-      {"ctrl+a selects everything and typing replaces it", "Notes", {click(1), type("old"), key("ctrl+a"), type("new")},
-       {"  1 text field \"Title\" value: \"new\" (focused, cursor at byte 3) secondary actions: Clear, Select All"}},
-      {"space and plus are keys", "Notes", {click(1), key("space"), key("+")},
-       {"  1 text field \"Title\" value: \" +\" (focused, cursor at byte 2) secondary actions: Clear, Select All"}},
-      {"setValue replaces a value without focusing", "Notes", {setValue(2, "Line \"one\"")},
-       {"  2 text area \"Body\" value: \"Line \\\"one\\\"\" secondary actions: Clear, Select All", "Focused element: none"}},
-      {"selecting text and typing replaces it", "Notes", {setValue(1, "Hello world"), selectText(1, "world"), type("there")},
-       {"  1 text field \"Title\" value: \"Hello there\" (focused, cursor at byte 11) secondary actions: Clear, Select All"}},
-      {"the cursor before a text", "Notes",
-       {setValue(1, "Hello world"), selectText(1, "world", TextSelectionMode::cursorBefore), type("big ")},
-       {"  1 text field \"Title\" value: \"Hello big world\" (focused, cursor at byte 10) secondary actions: Clear, Select All"}},
-      {"the cursor after a text", "Notes",
-       {setValue(1, "Hello world"), selectText(1, "Hello", TextSelectionMode::cursorAfter), type(",")},
-       {"  1 text field \"Title\" value: \"Hello, world\" (focused, cursor at byte 6) secondary actions: Clear, Select All"}},
-      {"a prefix picks the occurrence", "Notes",
-       {setValue(1, "ab ab"), selectText(1, "ab", TextSelectionMode::text, "ab "), type("X")},
-       {"  1 text field \"Title\" value: \"ab X\" (focused, cursor at byte 4) secondary actions: Clear, Select All"}},
-      {"scrolling down a page shows the next rows", "Notes", {scroll(5, 1)},
-       {"  5 list \"Recent notes\" (shows items 5-8 of 12, scrollable)", "    6 row \"Recipes\" secondary actions: Select, Delete"}},
-      {"scrolling a row scrolls its list", "Notes", {scroll(7, 1, 2)},
-       {"  5 list \"Recent notes\" (shows items 9-12 of 12, scrollable)"}},
-      {"scrolling stops at the bottom", "Notes", {scroll(5, 1, 100)},
-       {"  5 list \"Recent notes\" (shows items 9-12 of 12, scrollable)"}},
-      {"scrolling up half a page moves two rows", "Notes", {scroll(5, 1, 2), scroll(5, 0, 0.5)},
-       {"  5 list \"Recent notes\" (shows items 7-10 of 12, scrollable)"}},
-      {"dragging a row onto another moves its item", "Notes", {drag(row6X, row6Y, row8X, row8Y)},
-       {"    6 row \"Meeting notes\" secondary actions: Select, Delete",
-        "    8 row \"Shopping list\" (selected) secondary actions: Select, Delete"}},
-      {"a secondary action by name", "Notes", {setValue(1, "x"), secondary(1, "clear")},
-       {"  1 text field \"Title\" value: \"\" secondary actions: Clear, Select All"}},
-      {"the first secondary action by default", "Notes", {secondary(3, std::nullopt)},
-       {"  4 static text \"Status\" value: \"Saved 1 time\""}},
-      {"deleting a row removes its item", "Notes", {secondary(6, "Delete")},
-       {"    6 row \"Meeting notes\" secondary actions: Select, Delete",
-        "  5 list \"Recent notes\" (shows items 1-4 of 11, scrollable)"}},
-      {"four megabytes paste into the focused field, and the state shows their start", "Notes",
-       {click(2), paste(fourMegabytes)},
-       {"  2 text area \"Body\" value: \"" + std::string(128 * 1024, 'p') +
-        "\" (cut; 4000000 bytes in all) (focused, cursor at byte 4000000) secondary actions: Clear, Select All"}},
-      {"a value of 128 KiB is shown whole", "Notes", {click(2), paste(std::string(128 * 1024, 'q'))},
-       {"  2 text area \"Body\" value: \"" + std::string(128 * 1024, 'q') +
-        "\" (focused, cursor at byte 131072) secondary actions: Clear, Select All"}},
-      {"a longer value is cut at a character boundary", "Notes", {click(2), paste("a" + repeated("\u00e9", 65536))},
-       {"  2 text area \"Body\" value: \"a" + repeated("\u00e9", 65535) +
-        "\" (cut; 131073 bytes in all) (focused, cursor at byte 131073) secondary actions: Clear, Select All"}},
-      {"the calculator adds", "Calculator", {click(10), click(5), click(11), click(13)},
-       {"  1 static text \"Display\" value: \"3\""}},
-      {"the calculator subtracts and keys press its buttons", "Calculator", {key("9"), key("-"), key("4"), key("Return")},
-       {"  1 static text \"Display\" value: \"5\""}},
-      {"C clears the calculator", "Calculator", {key("7"), key("C")}, {"  1 static text \"Display\" value: \"0\""}},
-      {"Open opens the selected file", "Files", {click(4), click(9)},
-       {"  10 static text \"Status\" value: \"Opened letter-02.doc\"", "0 window \"Files - letter-02.doc\""}},
-      {"Open without a selection asks for one", "Files", {click(9)},
-       {"  10 static text \"Status\" value: \"Select a file first\""}},
+  const std::string kib128(128 * 1024, 'q');
+  struct Row {
+    std::string app;
+    std::vector<ComputerUseIPCAction> steps;
+    std::vector<std::string> parts; // of the state after the last step
+  };
+  const Row rows[] = {
+      // A click focuses a text field and typing appends; a click at a position hits the
+      // element there.
+      {"Notes", {click(1), type("Hello"), type(" you")}, {"\"Hello you\" (focused, cursor at byte 9)", "Focused element: 1"}},
+      {"Notes", {clickAt(titleX, titleY), type("x")}, {"\"Title\" value: \"x\" (focused"}},
+      // Save changes the status, the window and the recent notes; a click presses as many
+      // times as it counts, but at most ten; a right click only shows the menu.
+      {"Notes", {click(1), type("Plan"), click(3)},
+       {"\"Status\" value: \"Saved 1 time\"", "\n0 window \"Notes - Plan\"\n", "\n    6 row \"Plan\" secondary",
+        "(shows items 1-4 of 13, scrollable)"}},
+      {"Notes", {click(3, VirtualAppActions::maximumPresses)}, {"\"Saved 10 times\""}},
+      {"Notes", {click(3, VirtualAppActions::maximumPresses + 1)}, {"\"Saved 10 times\""}},
+      {"Notes", {click(3, 1, 1)}, {"\"Not saved\""}},
+      {"Notes", {setValue(1, "Hello"), click(1, 2)}, {"\"Hello\" (focused, selected bytes 0-5)"}},
+      {"Notes", {click(9)}, {"\n    9 row \"Book ideas\" (selected) secondary"}},
+      // Keys: Left, BackSpace, Home, Delete, a character, ctrl+a, space and plus; Return
+      // starts a line in a text area, and presses the default button in a text field or
+      // without focus; Tab focuses the first field without focus, then the next; Escape
+      // ends the focus.
+      {"Notes", {click(1), type("abcd"), key("Left"), key("BackSpace"), key("Home"), key("Delete"), key("x")},
+       {"\"xbd\" (focused, cursor at byte 1)"}},
+      {"Notes", {click(1), type("old"), key("ctrl+a"), type("new"), key("space"), key("+")}, {"\"new +\" (focused, cursor at byte 5)"}},
+      {"Notes", {click(2), type("a"), key("Return"), type("b")}, {"\"Body\" value: \"a\\nb\" (focused, cursor at byte 3)"}},
+      {"Notes", {key("Return"), click(1), key("return")}, {"\"Saved 2 times\""}},
+      {"Notes", {key("Tab"), key("Tab")}, {"Focused element: 2"}},
+      {"Notes", {click(1), key("Escape")}, {"Focused element: none"}},
+      // setValue replaces a value without focusing.
+      {"Notes", {setValue(2, "Line \"one\"")}, {"\"Body\" value: \"Line \\\"one\\\"\" secondary", "Focused element: none"}},
+      // A text selected by a prefix is replaced by typing; the cursor goes before or after
+      // a text.
+      {"Notes", {setValue(1, "ab ab"), selectText(1, "ab", TextSelectionMode::text, "ab "), type("X"),
+                 selectText(1, "X", TextSelectionMode::cursorBefore), type("big "),
+                 selectText(1, "ab", TextSelectionMode::cursorAfter), type(",")},
+       {"\"ab, big X\" (focused, cursor at byte 3)"}},
+      // Scrolling a list by pages; a row scrolls its list; scrolling stops at the bottom.
+      {"Notes", {scroll(5, 1)}, {"(shows items 5-8 of 12, scrollable)", "\n    6 row \"Recipes\" secondary"}},
+      {"Notes", {scroll(5, 1, 100), scroll(7, 0, 0.5)}, {"(shows items 7-10 of 12, scrollable)"}},
+      // Dragging a row onto another moves its item.
+      {"Notes", {drag(row6X, row6Y, row8X, row8Y)},
+       {"\n    6 row \"Meeting notes\" secondary", "\n    8 row \"Shopping list\" (selected) secondary"}},
+      // A secondary action by name in any case, the first by default; Delete removes a
+      // row's item.
+      {"Notes", {setValue(1, "x"), secondary(1, "clear"), secondary(3, std::nullopt)},
+       {"\"Title\" value: \"\" secondary", "\"Saved 1 time\""}},
+      {"Notes", {secondary(6, "Delete")}, {"\n    6 row \"Meeting notes\" secondary", "(shows items 1-4 of 11, scrollable)"}},
+      // Four megabytes paste into the focused field and the state shows their first 128
+      // KiB, cut at a character boundary; 128 KiB show whole.
+      {"Notes", {click(2), paste(std::string(PasteParams::maxTextBytes, 'p'))},
+       {"value: \"" + std::string(128 * 1024, 'p') + "\" (cut; 4000000 bytes in all) (focused, cursor at byte 4000000)"}},
+      {"Notes", {click(2), paste(kib128)}, {"value: \"" + kib128 + "\" (focused, cursor at byte 131072)"}},
+      {"Notes", {click(2), paste("a" + repeated("\u00e9", 65536))},
+       {"value: \"a" + repeated("\u00e9", 65535) + "\" (cut; 131073 bytes in all) (focused, cursor at byte 131073)"}},
+      // The calculator by its buttons and by keys, C clearing it; Files opens the selected
+      // file only.
+      {"Calculator", {click(10), click(5), click(11), click(13)}, {"\"Display\" value: \"3\""}},
+      {"Calculator", {key("7"), key("C"), key("9"), key("-"), key("4"), key("Return")}, {"\"Display\" value: \"5\""}},
+      {"Files", {click(4), click(9)}, {"\"Status\" value: \"Opened letter-02.doc\"", "\n0 window \"Files - letter-02.doc\"\n"}},
+      {"Files", {click(9)}, {"\"Status\" value: \"Select a file first\""}},
   };
   for (const auto &row : rows) {
-    SCOPED_TRACE(row.name);
+    SCOPED_TRACE(row.parts.front().substr(0, 80));
     VirtualDesktop fresh(options());
     ComputerUseIPCToolResultResponse last;
     for (const auto &step : row.steps) {
-      ComputerUseIPCAppPerformActionRequest request;
-      request.app = row.app;
-      request.action = step;
-      last = *fresh.performAction(request);
+      last = test::act(fresh, row.app, step);
       ASSERT_FALSE(last.isError) << *last.content.at(0).text;
     }
     // Each action answers a confirmation and the state after it, without an image.
     ASSERT_EQ(last.content.size(), 2u);
-    EXPECT_EQ(last.content[0].type, "text");
     EXPECT_FALSE(last.content[0].text->starts_with("<app_state>"));
     const std::string after = *last.content[1].text;
-    EXPECT_TRUE(after.starts_with("<app_state>"));
-    const auto fetched = *fresh.getAppState({row.app, std::nullopt, ComputerUseIPCObservationKind::state, std::nullopt});
-    EXPECT_EQ(*fetched.content.at(0).text, after);
-    for (const auto &line : row.lines)
-      EXPECT_TRUE(hasLine(after, line)) << line.substr(0, 200) << "\nin\n" << after.substr(0, 2000);
+    EXPECT_EQ(after, stateText(fresh, row.app));
+    for (const auto &part : row.parts)
+      EXPECT_TRUE(contains(after, part)) << part.substr(0, 200) << "\nin\n" << after.substr(0, 2000);
   }
 }
 
-struct FailureRow {
-  const char *name;
-  std::string app;
-  std::vector<ComputerUseIPCAction> setup;
-  ComputerUseIPCAction action;
-  std::optional<Kind> kind; // nothing: only the text is checked
-  std::string text;
-};
-
-TEST_F(VirtualDesktopTest, ActionsThatCannotBeDoneAnswerErrorResults) {
-  const ComputerUseIPCAction atWidth = clickAt(width, 10), atHeight = clickAt(10, height);
-  const FailureRow rows[] = {
-      {"an index past the last element", "Notes", {}, click(10), Kind::invalidElement,
-       "No element 10 in Notes: its elements are 0 to 9."},
-      {"a negative index", "Notes", {}, click(-1), Kind::invalidElement, "No element -1 in Notes: its elements are 0 to 9."},
-      {"an empty row", "Notes", {secondary(6, "Delete"), secondary(6, "Delete"), secondary(6, "Delete"),
-                                  secondary(6, "Delete"), secondary(6, "Delete"), secondary(6, "Delete"),
-                                  secondary(6, "Delete"), secondary(6, "Delete"), secondary(6, "Delete")},
-       click(9), Kind::invalidElement, "Element 9 of Notes is an empty row that is not shown."},
-      {"a point right of the window", "Notes", {}, atWidth, Kind::invalidArgument,
+TEST_F(VirtualDesktopTest, ActionsThatCannotBeDoneAnswerErrorResultsAndChangeNothing) {
+  const std::string badKey =
+      "\": use a key name such as Return, BackSpace, Tab, Left or Escape, or a single character.";
+  struct Row {
+    std::string app;
+    std::vector<ComputerUseIPCAction> setup;
+    ComputerUseIPCAction action;
+    std::optional<Kind> kind; // nothing: only the text is checked
+    std::string text;
+  };
+  const Row rows[] = {
+      {"Notes", {}, click(10), Kind::invalidElement, "No element 10 in Notes: its elements are 0 to 9."},
+      {"Notes", {}, click(-1), Kind::invalidElement, "No element -1 in Notes: its elements are 0 to 9."},
+      // Nine deletes leave row 9 empty.
+      {"Notes", std::vector(9, secondary(6, "Delete")), click(9), Kind::invalidElement,
+       "Element 9 of Notes is an empty row that is not shown."},
+      // The first points outside the window; the last inside are hit.
+      {"Notes", {}, clickAt(width, 10), Kind::invalidArgument,
        "The point (800, 10) is outside the Notes window, which is 800 by 600 pixels."},
-      {"a point below the window", "Notes", {}, atHeight, Kind::invalidArgument,
+      {"Notes", {}, clickAt(10, height), Kind::invalidArgument,
        "The point (10, 600) is outside the Notes window, which is 800 by 600 pixels."},
-      {"typing without focus", "Notes", {}, type("x"), Kind::invalidArgument,
-       "No text field in Notes has keyboard focus: click one first."},
-      {"typing nothing", "Notes", {click(1)}, type(""), Kind::invalidArgument, "There is no text to type."},
-      {"an unknown key", "Notes", {click(1)}, key("Hyper"), Kind::keyNotFound,
-       "Unknown key \"Hyper\": use a key name such as Return, BackSpace, Tab, Left or Escape, or a single character."},
-      {"an unknown modifier", "Notes", {click(1)}, key("fn+a"), Kind::keyNotFound,
-       "Unknown key \"fn+a\": use a key name such as Return, BackSpace, Tab, Left or Escape, or a single character."},
-      {"a shortcut that does nothing", "Notes", {click(1)}, key("ctrl+q"), Kind::keyNotFound,
+      {"Notes", {}, type("x"), Kind::invalidArgument, "No text field in Notes has keyboard focus: click one first."},
+      {"Notes", {click(1)}, type(""), Kind::invalidArgument, "There is no text to type."},
+      {"Notes", {click(1)}, key("Hyper"), Kind::keyNotFound, "Unknown key \"Hyper" + badKey},
+      {"Notes", {click(1)}, key("fn+a"), Kind::keyNotFound, "Unknown key \"fn+a" + badKey},
+      {"Notes", {click(1)}, key("ctrl+q"), Kind::keyNotFound,
        "The key \"ctrl+q\" does nothing in text field \"Title\" (element 1)."},
-      {"a key no button answers", "Calculator", {}, key("x"), Kind::invalidArgument,
+      {"Calculator", {}, key("x"), Kind::invalidArgument,
        "The key \"x\" does nothing in Calculator: no text field has keyboard focus and no button answers it."},
-      {"setting a button's value", "Notes", {}, setValue(3, "x"), Kind::invalidElement,
-       "button \"Save\" (element 3) has no value that can be set."},
-      {"selecting text that is not there", "Notes", {setValue(1, "abc")}, selectText(1, "zz"), Kind::invalidArgument,
+      {"Notes", {}, setValue(3, "x"), Kind::invalidElement, "button \"Save\" (element 3) has no value that can be set."},
+      {"Notes", {setValue(1, "abc")}, selectText(1, "zz"), Kind::invalidArgument,
        "The text \"zz\" is not in text field \"Title\" (element 1)."},
-      {"selecting in a button", "Notes", {}, selectText(3, "Save"), Kind::invalidElement,
-       "button \"Save\" (element 3) has no text to select."},
-      {"scrolling a button", "Notes", {}, scroll(3, 1), Kind::invalidElement,
-       "button \"Save\" (element 3) does not scroll; only lists do."},
-      {"scrolling sideways", "Notes", {}, scroll(5, 3), Kind::invalidArgument,
+      {"Notes", {}, selectText(3, "Save"), Kind::invalidElement, "button \"Save\" (element 3) has no text to select."},
+      {"Notes", {}, scroll(3, 1), Kind::invalidElement, "button \"Save\" (element 3) does not scroll; only lists do."},
+      {"Notes", {}, scroll(5, 3), Kind::invalidArgument,
        "Cannot scroll the list \"Recent notes\" sideways: it scrolls up and down."},
-      {"scrolling zero pages", "Notes", {}, scroll(5, 1, 0), std::nullopt, "pages must be a finite number in (0, 100]."},
-      {"dragging a text field", "Notes", {}, drag(100, 58, 100, 100), Kind::invalidArgument,
+      {"Notes", {}, scroll(5, 1, 0), std::nullopt, "pages must be a finite number in (0, 100]."},
+      {"Notes", {}, drag(100, 58, 100, 100), Kind::invalidArgument,
        "Nothing to drag at (100, 58): only the rows of a list can be dragged."},
-      {"an unknown secondary action", "Notes", {}, secondary(3, "Rename"), Kind::invalidSecondaryAction,
+      {"Notes", {}, secondary(3, "Rename"), Kind::invalidSecondaryAction,
        "button \"Save\" (element 3) has no secondary action \"Rename\"; it has Press."},
-      {"a secondary action of an element without any", "Notes", {}, secondary(4, "Press"), Kind::invalidSecondaryAction,
+      {"Notes", {}, secondary(4, "Press"), Kind::invalidSecondaryAction,
        "static text \"Status\" (element 4) has no secondary actions."},
-      {"pasting more than four megabytes", "Notes", {click(2)}, paste(std::string(PasteParams::maxTextBytes + 1, 'p')),
-       std::nullopt, "paste text must be nonempty and at most 4 MB of UTF-8."},
-      {"pasting nothing", "Notes", {click(2)}, paste(""), std::nullopt,
+      // Pasting: one byte over four megabytes, or nothing.
+      {"Notes", {click(2)}, paste(std::string(PasteParams::maxTextBytes + 1, 'p')), std::nullopt,
        "paste text must be nonempty and at most 4 MB of UTF-8."},
+      {"Notes", {click(2)}, paste(""), std::nullopt, "paste text must be nonempty and at most 4 MB of UTF-8."},
   };
   for (const auto &row : rows) {
-    SCOPED_TRACE(row.name);
+    SCOPED_TRACE(row.text);
     VirtualDesktop fresh(options());
-    ComputerUseIPCAppPerformActionRequest request;
-    request.app = row.app;
-    for (const auto &step : row.setup) {
-      request.action = step;
-      ASSERT_FALSE(fresh.performAction(request)->isError);
-    }
-    const std::string before =
-        *fresh.getAppState({row.app, std::nullopt, ComputerUseIPCObservationKind::state, std::nullopt})->content[0].text;
-    request.action = row.action;
-    const auto response = *fresh.performAction(request);
+    for (const auto &step : row.setup)
+      ASSERT_FALSE(test::act(fresh, row.app, step).isError);
+    const std::string before = stateText(fresh, row.app);
+    const auto response = test::act(fresh, row.app, row.action);
     EXPECT_TRUE(response.isError);
     ASSERT_TRUE(response.failure.has_value());
     if (row.kind)
       EXPECT_EQ(response.failure->kind, *row.kind);
     ASSERT_EQ(response.content.size(), 1u);
     EXPECT_EQ(response.content[0].text, row.text);
-    const std::string after =
-        *fresh.getAppState({row.app, std::nullopt, ComputerUseIPCObservationKind::state, std::nullopt})->content[0].text;
-    EXPECT_EQ(after, before) << "a failed action changed the state";
+    EXPECT_EQ(stateText(fresh, row.app), before) << "a failed action changed the state";
   }
-}
-
-TEST_F(VirtualDesktopTest, ThePointsJustInsideTheWindowAreHit) {
-  EXPECT_FALSE(act("Notes", clickAt(width - 1, 10)).isError);
-  EXPECT_FALSE(act("Notes", clickAt(10, height - 1)).isError);
-  EXPECT_FALSE(act("Notes", clickAt(0, 0)).isError);
-}
-
-TEST_F(VirtualDesktopTest, TheExecuteFormActsAsThePerformFormDoes) {
-  ComputerUseIPCAppExecuteActionRequest request;
-  request.app = "Notes";
-  request.action = click(3);
-  EXPECT_FALSE(desktop.performAction(request)->isError);
-  EXPECT_TRUE(hasLine(stateText("Notes"), "  4 static text \"Status\" value: \"Saved 1 time\""));
+  for (const auto &point : {clickAt(width - 1, 10), clickAt(10, height - 1), clickAt(0, 0)})
+    EXPECT_FALSE(act("Notes", point).isError);
+  // The execute form acts as the perform form does.
+  ComputerUseIPCAppExecuteActionRequest execute;
+  execute.app = "Notes";
+  execute.action = click(3);
+  EXPECT_FALSE(desktop.performAction(execute)->isError);
+  EXPECT_TRUE(contains(stateText(desktop, "Notes"), "\"Saved 1 time\""));
 }
 
 // ---- the screenshot ----
 
-TEST_F(VirtualDesktopTest, TheScreenshotIsAPngOfTheScreen) {
-  const DecodedPng png = screenshot("Notes");
-  ASSERT_EQ(png.problem, "");
-  EXPECT_EQ(png.width, static_cast<uint32_t>(width));
-  EXPECT_EQ(png.height, static_cast<uint32_t>(height));
-  for (const auto &chunk : png.chunks)
-    EXPECT_TRUE(chunk.crcMatches);
-  // It is the window as the renderer draws it.
-  EXPECT_EQ(png.samples, WindowRenderer::render(VirtualAppCatalogue::makeNotes(width, height)).samples());
-}
-
-TEST_F(VirtualDesktopTest, TheScreenshotFollowsTheState) {
-  const VirtualApp notes = VirtualAppCatalogue::makeNotes(width, height);
-  const Rect title = notes.element(1).frame;
-  const auto colour = [](Rgb rgb) { return uint32_t(rgb.red) << 16 | uint32_t(rgb.green) << 8 | rgb.blue; };
+TEST_F(VirtualDesktopTest, TheScreenshotIsAPngOfTheWindowThatFollowsTheState) {
   const DecodedPng before = screenshot("Notes");
+  ASSERT_EQ(before.problem, "");
+  EXPECT_EQ(before.width, static_cast<uint32_t>(width));
+  EXPECT_EQ(before.height, static_cast<uint32_t>(height));
+  // It is the window as the renderer draws it.
+  EXPECT_EQ(before.samples, WindowRenderer::render(VirtualAppCatalogue::makeNotes(width, height)).samples());
+  const Rect title = VirtualAppCatalogue::makeNotes(width, height).element(1).frame;
+  const auto colour = [](Rgb rgb) { return uint32_t(rgb.red) << 16 | uint32_t(rgb.green) << 8 | rgb.blue; };
   EXPECT_EQ(before.pixel(uint32_t(title.x), uint32_t(title.y)), colour(WindowRenderer::border));
   act("Notes", click(1));
   const DecodedPng focused = screenshot("Notes");
   EXPECT_EQ(focused.pixel(uint32_t(title.x), uint32_t(title.y)), colour(WindowRenderer::focusBorder));
   act("Notes", type("W"));
-  const DecodedPng typed = screenshot("Notes");
-  EXPECT_NE(typed.samples, focused.samples);
+  EXPECT_NE(screenshot("Notes").samples, focused.samples);
 }
 
 TEST_F(VirtualDesktopTest, RepeatedStatesAnswerTheScreenshotFromMemory) {
-  const auto first = state("Notes", std::nullopt);
+  const auto first = state(desktop, "Notes", std::nullopt);
+  EXPECT_EQ(state(desktop, "Notes", std::nullopt), first);
   EXPECT_EQ(desktop.screenshotsEncoded(), 1u);
-  const auto second = state("Notes", std::nullopt);
-  EXPECT_EQ(desktop.screenshotsEncoded(), 1u);
-  EXPECT_EQ(first, second);
-  state("Files", std::nullopt);
+  state(desktop, "Files", std::nullopt);
   EXPECT_EQ(desktop.screenshotsEncoded(), 2u);
   act("Notes", click(3));
-  const auto changed = state("Notes", std::nullopt);
+  EXPECT_NE(state(desktop, "Notes", std::nullopt).content[1].data, first.content[1].data);
   EXPECT_EQ(desktop.screenshotsEncoded(), 3u);
-  EXPECT_NE(changed.content[1].data, first.content[1].data);
-  state("Notes", ComputerUseIPCObservationKind::state); // no image asked, none drawn
+  state(desktop, "Notes"); // no image asked, none drawn
   EXPECT_EQ(desktop.screenshotsEncoded(), 3u);
 }
 
-// ---- health and the rest ----
-
-TEST_F(VirtualDesktopTest, HealthReportsTheRuntime) {
-  const auto health = *desktop.health({}, {":1.7"});
-  EXPECT_EQ(health.generationID, "GEN");
-  EXPECT_EQ(health.runtimePID, ::getpid());
-  EXPECT_EQ(health.bundleIdentifier, "com.tavix.computeruse.test");
-  EXPECT_EQ(health.bundlePath, "/opt/runtime");
-  EXPECT_TRUE(health.isHealthy);
-  EXPECT_EQ(health.heartbeatTimeoutSeconds, VirtualDesktop::heartbeatTimeoutSeconds);
-  VirtualDesktopOptions unhealthy = options();
-  unhealthy.healthy = false;
-  EXPECT_FALSE(VirtualDesktop(unhealthy).health({}, {":1.7"})->isHealthy);
-}
+// ---- health and recording ----
 
 TEST_F(VirtualDesktopTest, ClientsCountAsActiveForTheHeartbeatTimeout) {
-  const auto refresh = ComputerUseIPCHealthRequest{true};
-  const auto look = ComputerUseIPCHealthRequest{};
-  EXPECT_EQ(desktop.health(look, {":1.1"})->activeClientCount, 0);
-  EXPECT_EQ(desktop.health(refresh, {":1.1"})->activeClientCount, 1);
-  EXPECT_EQ(desktop.health(refresh, {":1.1"})->activeClientCount, 1);
-  EXPECT_EQ(desktop.health(refresh, {":1.2"})->activeClientCount, 2);
-  const auto start = now;
-  now = start + std::chrono::seconds(90);
-  EXPECT_EQ(desktop.health(look, {":1.3"})->activeClientCount, 2);
-  now = start + std::chrono::seconds(90) + std::chrono::milliseconds(1);
-  EXPECT_EQ(desktop.health(look, {":1.3"})->activeClientCount, 0);
-  EXPECT_EQ(desktop.health(refresh, {":1.2"})->activeClientCount, 1);
-}
-
-TEST_F(VirtualDesktopTest, ObserveRemembersTheLastTurn) {
-  EXPECT_EQ(desktop.lastObservedContext(), std::nullopt);
-  desktop.observeHostSession({{"session-1", "turn-1"}});
-  desktop.observeHostSession({{"session-2", std::nullopt}});
-  EXPECT_EQ(desktop.lastObservedContext(), (ComputerUseHostTurnContext{"session-2", std::nullopt}));
+  const ComputerUseIPCHealthRequest refresh{true}, look{};
+  const auto active = [&](const ComputerUseIPCHealthRequest &request, const char *client) {
+    return desktop.health(request, {client})->activeClientCount;
+  };
+  EXPECT_EQ(active(look, ":1.1"), 0);
+  EXPECT_EQ(active(refresh, ":1.1"), 1);
+  EXPECT_EQ(active(refresh, ":1.1"), 1);
+  EXPECT_EQ(active(refresh, ":1.2"), 2);
+  now += 90s;
+  EXPECT_EQ(active(look, ":1.3"), 2);
+  now += 1ms;
+  EXPECT_EQ(active(look, ":1.3"), 0);
+  EXPECT_EQ(active(refresh, ":1.2"), 1);
 }
 
 TEST_F(VirtualDesktopTest, RecordingCountsTheActionsPerformed) {
@@ -481,6 +397,194 @@ TEST_F(VirtualDesktopTest, RecordingCountsTheActionsPerformed) {
   EXPECT_EQ(desktop.stopEventStream({})->eventCount, 2);
   act("Notes", click(3));
   EXPECT_EQ(desktop.eventStreamStatus({})->eventCount, 2);
+}
+
+// ---- appshot captures ----
+
+TEST_F(VirtualDesktopTest, AStartTargetsTheNamedOrFrontmostAppAndItsWindowOrSaysWhyNot) {
+  // The frontmost app (Notes at first), an app by bundle identifier in any case, the app's
+  // window.
+  EXPECT_EQ(startOf(start("a")), notes);
+  EXPECT_EQ(startOf(start("b", calculator)), calculator);
+  EXPECT_EQ(startOf(start("c", "COM.TAVIX.SIM.FILES")), files);
+  EXPECT_EQ(startOf(start("d", notes, 1001)), notes);
+  EXPECT_EQ(startOf(start("e", std::nullopt, 1001)), notes);
+  // Window ids on either side of the app's, 0, the largest, another app's.
+  EXPECT_EQ(startOf(start("f", notes, 1002)), "window_not_found: Notes has no window 1002; its window is 1001");
+  EXPECT_EQ(startOf(start("g", notes, 1000)), "window_not_found: Notes has no window 1000; its window is 1001");
+  EXPECT_EQ(startOf(start("h", files, 0)), "window_not_found: Files has no window 0; its window is 1003");
+  EXPECT_EQ(startOf(start("i", files, UINT32_MAX)), "window_not_found: Files has no window 4294967295; its window is 1003");
+  EXPECT_EQ(startOf(start("j", std::nullopt, 1003)), "window_not_found: Notes has no window 1003; its window is 1001");
+  // No such bundle identifier: an app's name is not one, nor is "".
+  const std::string noBundle = "app_not_found: No running app has the bundle identifier ";
+  EXPECT_EQ(startOf(start("k", "com.tavix.sim.paint")), noBundle + "\"com.tavix.sim.paint\"");
+  EXPECT_EQ(startOf(start("l", "Notes")), noBundle + "\"Notes\"");
+  EXPECT_EQ(startOf(start("m", "")), noBundle + "\"\"");
+  EXPECT_EQ(startOf(start("", notes)), "invalid_request_id: A capture needs a requestId that is not empty");
+  // A capture runs exactly when its start succeeded.
+  for (const char *id : {"b", "c", "d", "e"})
+    EXPECT_TRUE(desktop.cancelCapture(id)) << id;
+  for (const char *id : {"f", "g", "h", "i", "j", "k", "l", "m", ""})
+    EXPECT_FALSE(desktop.cancelCapture(id)) << id;
+  // A requestId captures once until cancelled, and the first capture goes on as it was.
+  EXPECT_EQ(startOf(start("a", files)), "capture_already_running: A capture is already running with requestId \"a\"");
+  EXPECT_EQ(lookNow("a").reply.value().update.target.value().bundleIdentifier, notes);
+  EXPECT_TRUE(desktop.cancelCapture("a"));
+  EXPECT_EQ(startOf(start("a", files)), files);
+  // At most 32 run at once: one does now.
+  for (int number = 2; number <= 32; ++number)
+    ASSERT_EQ(startOf(start("capture-" + std::to_string(number))), notes) << number;
+  EXPECT_EQ(startOf(start("capture-33")), "too_many_captures: 32 captures are running; cancel one first");
+  EXPECT_TRUE(desktop.cancelCapture("capture-7"));
+  EXPECT_EQ(startOf(start("capture-33")), notes);
+}
+
+TEST_F(VirtualDesktopTest, ACaptureTargetNamesTheAppItsWindowAndASmallIcon) {
+  const std::tuple<const char *, const char *, const char *> rows[] = {
+      {notes, "Notes", "Notes - Untitled"}, {calculator, "Calculator", "Calculator"}, {files, "Files", "Files - Documents"}};
+  std::set<std::string> icons;
+  for (const auto &[bundle, name, windowTitle] : rows) {
+    const auto target = desktop.startCapture(start(name, bundle))->target.value();
+    EXPECT_EQ(target, (ComputerUseIPCAppshotTarget{bundle, name, target.iconSmallDataURL, windowTitle}));
+    const DecodedPng icon = decodePngDataURL(target.iconSmallDataURL.value_or(""));
+    ASSERT_EQ(icon.problem, "") << name;
+    EXPECT_EQ(std::pair(icon.width, icon.height), std::pair(16u, 16u)) << name;
+    // The app's colour in the corner, the white letter in the middle.
+    EXPECT_NE(icon.pixel(0, 0), 0xFFFFFFu) << name;
+    int white = 0;
+    for (uint32_t at = 0; at < 256; ++at)
+      white += icon.pixel(at % 16, at / 16) == 0xFFFFFFu;
+    EXPECT_GT(white, 10) << name;
+    icons.insert(*target.iconSmallDataURL);
+  }
+  EXPECT_EQ(icons.size(), 3u);
+}
+
+TEST_F(VirtualDesktopTest, TheFrontmostAppIsTheOneAnActionOrAStartLastNamed) {
+  // A start's target, and the one app list_apps marks.
+  auto frontmost = [&, number = 0]() mutable {
+    const std::string list = *desktop.listApps({})->content.at(0).text;
+    EXPECT_EQ(list.find("frontmost"), list.rfind("frontmost")) << list;
+    const std::string target = startOf(start("front-" + std::to_string(++number)));
+    EXPECT_EQ(list.substr(list.find(')', list.find("(" + target + ",")), 12), "), frontmost") << list;
+    return target;
+  };
+  EXPECT_EQ(frontmost(), notes);
+  act("Calculator", click(2));
+  EXPECT_EQ(frontmost(), calculator);
+  act("Paint", click(1)); // an unknown app changes nothing
+  EXPECT_EQ(frontmost(), calculator);
+  desktop.startApp({"Files"});
+  EXPECT_EQ(frontmost(), files);
+  desktop.startApp({"Paint"});
+  EXPECT_EQ(frontmost(), files);
+  act("notes", click(999)); // a failed action does
+  EXPECT_EQ(frontmost(), notes);
+  state(desktop, "Files"); // a state request does not
+  EXPECT_EQ(frontmost(), notes);
+}
+
+TEST_F(VirtualDesktopTest, TheWindowsPictureComesFirstThenOneAfterEachChange) {
+  startOf(start("updates", notes));
+  std::vector<std::string> pictures;
+  // The type and window title of the update due now, "" when none is; its picture is the
+  // whole window, as the transition snapshot first and as a screenshot after.
+  const auto due = [&] {
+    const auto look = CaptureUpdates::look(desktop, "updates", received + 1s, received, false);
+    if (typeOf(look).empty())
+      return std::string();
+    const auto &update = look.reply->update;
+    EXPECT_EQ(look.reply->requestId, "updates");
+    EXPECT_EQ(update.target.value().bundleIdentifier, notes);
+    const bool first = update.type == "snapshot";
+    EXPECT_EQ(update.transitionSnapshotDataURL.has_value(), first);
+    EXPECT_EQ(update.screenshotDataURL.has_value(), !first);
+    pictures.push_back(first ? update.transitionSnapshotDataURL.value_or("") : update.screenshotDataURL.value_or(""));
+    const DecodedPng png = decodePngDataURL(pictures.back());
+    EXPECT_EQ(png.problem, "");
+    EXPECT_EQ(std::pair(png.width, png.height), std::pair(800u, 600u));
+    return update.type + " " + update.target->windowTitle.value_or("");
+  };
+  EXPECT_EQ(due(), "snapshot Notes - Untitled");
+  EXPECT_EQ(due(), "");
+  state(desktop, "Notes", std::nullopt); // a state request changes nothing
+  EXPECT_EQ(due(), "");
+  // A title typed and saved: one update for both, and then nothing.
+  act("Notes", setValue(1, "Plan"));
+  act("Notes", click(3));
+  EXPECT_EQ(due(), "frame Notes - Plan");
+  EXPECT_EQ(due(), "");
+  // A change in another app counts, and so does a failed action.
+  act("Calculator", click(2));
+  EXPECT_EQ(due(), "frame Notes - Plan");
+  act("Notes", click(999));
+  EXPECT_EQ(due(), "frame Notes - Plan");
+  EXPECT_EQ(due(), "");
+  // The saved title shows in the first frame.
+  EXPECT_NE(pictures.at(0), pictures.at(1));
+}
+
+TEST_F(VirtualDesktopTest, ANextUpdateWaitsUntilItsClampedDeadline) {
+  startOf(start("waits"));
+  ASSERT_EQ(typeOf(lookNow("waits")), "snapshot");
+  const std::tuple<std::optional<int64_t>, std::chrono::milliseconds, bool> rows[] = {
+      // Absent: the default of 30 s; 0 and below answer at once; 250 ms; the longest, 60
+      // s, and anything longer clamped to it.
+      {std::nullopt, 29999ms, false}, {std::nullopt, 30000ms, true}, {0, 0ms, true},
+      {-1, 0ms, true},                {INT64_MIN, 0ms, true},         {250, 249ms, false},
+      {250, 250ms, true},             {60000, 59999ms, false},        {60000, 60000ms, true},
+      {60001, 59999ms, false},        {60001, 60000ms, true},         {INT64_MAX, 60000ms, true},
+  };
+  for (const auto &[timeoutMs, elapsed, timedOut] : rows) {
+    SCOPED_TRACE(testing::Message() << timeoutMs.value_or(-999) << " after " << elapsed.count() << " ms");
+    const auto look = CaptureUpdates::look(desktop, "waits", received + CaptureUpdates::waitFor(timeoutMs),
+                                           received + elapsed, false);
+    EXPECT_EQ(typeOf(look), timedOut ? "timeout" : "");
+    if (timedOut)
+      EXPECT_EQ(look.reply->update, (ComputerUseIPCAppshotCaptureUpdate{"timeout", {}, {}, {}, {}, {}}));
+  }
+  // A due update is answered however late the look.
+  act("Notes", click(1));
+  EXPECT_EQ(typeOf(CaptureUpdates::look(desktop, "waits", received, received + 1h, false)), "frame");
+}
+
+TEST_F(VirtualDesktopTest, UnknownAndCancelledCaptures) {
+  startOf(start("cancelled"));
+  startOf(start("kept"));
+  EXPECT_TRUE(desktop.cancelCapture("cancelled"));
+  // Never started, cancelled before a call's first look, an empty requestId: unknown.
+  for (const std::string id : {"ghost", "cancelled", ""})
+    EXPECT_EQ(lookNow(id).error, (RuntimeError{-1728, "No capture is running with requestId \"" + id + "\""})) << id;
+  // Cancelled while a call waited (an earlier look found it running); another goes on.
+  EXPECT_EQ(typeOf(lookNow("cancelled", true)), "cancelled");
+  EXPECT_EQ(typeOf(lookNow("kept")), "snapshot");
+  // Only the first cancel of a running capture ends something.
+  EXPECT_FALSE(desktop.cancelCapture("cancelled"));
+  EXPECT_FALSE(desktop.cancelCapture("ghost"));
+  EXPECT_TRUE(desktop.cancelCapture("kept"));
+  EXPECT_FALSE(desktop.cancelCapture("kept"));
+}
+
+TEST_F(VirtualDesktopTest, TheChangeListenerHearsEachChangeAfterTheLockIsLetGo) {
+  std::vector<uint64_t> heard;
+  // Reading the version from inside the listener would deadlock under the desktop's lock.
+  desktop.setChangeListener([&] { heard.push_back(desktop.stateVersion()); });
+  act("Notes", click(1));
+  act("Notes", click(999)); // a failed action is a change
+  // None of these is.
+  act("Paint", click(1));
+  state(desktop, "Notes", std::nullopt);
+  startOf(start("listened"));
+  lookNow("listened");
+  desktop.cancelCapture("listened");
+  desktop.startApp({"Files"});
+  EXPECT_EQ(heard, (std::vector<uint64_t>{1, 2}));
+  act("Files", click(1));
+  desktop.setChangeListener({});
+  act("Files", click(1));
+  // Each call saw the version its change made.
+  EXPECT_EQ(heard, (std::vector<uint64_t>{1, 2, 3}));
+  EXPECT_EQ(desktop.stateVersion(), 4u);
 }
 
 } // namespace
