@@ -15,7 +15,6 @@ target_sources(tavix_tests PRIVATE
   ${CMAKE_CURRENT_LIST_DIR}/ReplyCacheTest.cpp
   ${CMAKE_CURRENT_LIST_DIR}/ReplyFormTest.cpp
   ${CMAKE_CURRENT_LIST_DIR}/RequestRouterTest.cpp
-  ${CMAKE_CURRENT_LIST_DIR}/SimulatorCaptureTest.cpp
   ${CMAKE_CURRENT_LIST_DIR}/SimulatorOptionsTest.cpp
   ${CMAKE_CURRENT_LIST_DIR}/SimulatorServiceTest.cpp
   ${CMAKE_CURRENT_LIST_DIR}/VirtualDesktopTest.cpp

@@ -1,12 +1,16 @@
 // The simulator executable on a private session bus, driven as the bridge drives a
-// runtime: every request type, both forms of payload at their size boundary, malformed
-// calls, concurrency and cancellation, each scripted fault, queueing for the name, the
-// window before the handler exists, and how the process ends. Tests wait on the
-// simulator's ready line and its journal, never on the clock.
+// runtime: the health of a run, the journal, both forms of payload at their size
+// boundary, malformed calls, cancellation, scripted faults, the reply cache, queueing for
+// the name, the window before the handler exists, and how the process ends; then appshot
+// captures, whose next-updates wait outside the workers and end by a cancel of their
+// capture, a cancel of the call, a change of the desktop or their deadline.
+//
+// One bus and one simulator serve the suite; a test that needs other options starts its
+// own beside it. Tests wait on the simulator's ready line and its journal (a parked
+// next-update journals a "captureUpdateWaiting" event), never on the clock.
 
 #include "contracts/AppshotContracts.h"
 #include "contracts/ComputerUseRequests.h"
-#include "contracts/EventStreamContracts.h"
 #include "platform/linux/SealedMemfd.h"
 #include "runtime/DecodedPng.h"
 #include "support/JSON.h"
@@ -21,9 +25,9 @@
 #include <atomic>
 #include <climits>
 #include <csignal>
-#include <cstdlib>
 #include <fcntl.h>
 #include <functional>
+#include <map>
 #include <sys/mman.h>
 #include <thread>
 #include <unistd.h>
@@ -32,127 +36,108 @@ namespace tavix::test {
 namespace {
 
 using namespace std::chrono_literals;
+using Form = RuntimeReply::Form;
+using Reply = tl::expected<RuntimeReply, BusError>;
 
-constexpr const char *busName = "com.tavix.computeruse";
+constexpr const char *busName = "com.tavix.computeruse", *waiting = "captureUpdateWaiting";
+constexpr std::string_view healthType = ComputerUseIPCHealthRequest::requestType,
+                           listAppsType = ComputerUseIPCListAppsRequest::requestType,
+                           getStateType = ComputerUseIPCAppGetStateRequest::requestType,
+                           performType = ComputerUseIPCAppPerformActionRequest::requestType,
+                           usageType = ComputerUseIPCAppUsageRequest::requestType,
+                           cancelType = ComputerUseIPCCancelRequest::requestType,
+                           startType = ComputerUseIPCAppStartFrontmostCaptureRequest::requestType,
+                           nextType = ComputerUseIPCAppNextCaptureUpdateRequest::requestType,
+                           cancelCaptureType = ComputerUseIPCAppCancelCaptureRequest::requestType;
 
-template <typename Request> std::function<bool(const std::string &)> decodesAs() {
-  return [](const std::string &bytes) {
-    const auto json = parseJSON(bytes);
-    return json && Request::Response::fromJSON(*json).has_value();
-  };
-}
-
-template <typename Record> Record decoded(const RuntimeReply &reply) {
-  const auto json = parseJSON(reply.bytes.value_or(""));
-  if (!json)
-    throw std::runtime_error("the reply is not JSON");
-  auto record = Record::fromJSON(*json);
-  if (!record)
-    throw std::runtime_error(record.error().description);
-  return std::move(*record);
-}
-
-template <typename Record> Record decoded(const tl::expected<RuntimeReply, BusError> &reply) {
+template <typename Record> Record decoded(const Reply &reply) {
   if (!reply)
     throw std::runtime_error(reply.error().name + ": " + reply.error().message);
-  return decoded<Record>(*reply);
+  auto record = Record::fromJSON(parseJSON(reply->bytes.value_or("")).value_or(nlohmann::json()));
+  if (!record)
+    throw std::runtime_error(record.error().description + " in " + reply->bytes.value_or("").substr(0, 300));
+  return std::move(*record);
+}
+using ToolResult = ComputerUseIPCToolResultResponse;
+
+nlohmann::json replyJSON(const Reply &reply) {
+  if (!reply || reply->errn)
+    throw std::runtime_error(reply ? reply->errs.value_or("") : reply.error().name);
+  return parseJSON(reply->bytes.value_or("")).value_or(nlohmann::json());
 }
 
-std::string setTitle(size_t length) {
-  return R"({"app":"Notes","action":{"setValue":{"_0":{"elementIndex":1,"value":")" + std::string(length, 'a') +
-         R"("}}}})";
+std::string updateType(const Reply &reply) {
+  const auto json = replyJSON(reply);
+  return json.contains("update") ? json["update"].value("type", "") : json.dump();
 }
 
-// A memfd holding `bytes` with exactly `seals` added.
-int memfdWithSeals(std::string_view bytes, int seals) {
+std::string idBody(const std::string &id) { return R"({"requestId":")" + id + R"("})"; }
+std::string nextBody(const std::string &id, std::string_view timeout = "") {
+  return R"({"requestId":")" + id + "\"" + std::string(timeout) + "}";
+}
+std::string clickBody(const char *app, int element) {
+  return R"({"app":")" + std::string(app) + R"(","action":{"click":{"_0":{"elementIndex":)" + std::to_string(element) +
+         R"(,"clickCount":1,"mouseButton":0}}}})";
+}
+std::string setValueBody(int element, const std::string &value) {
+  return R"({"app":"Notes","action":{"setValue":{"_0":{"elementIndex":)" + std::to_string(element) + R"(,"value":")" +
+         value + R"("}}}})";
+}
+
+// A memfd holding "{}" with exactly `seals` added.
+int memfdWithSeals(int seals) {
   const int fd = memfd_create("tavix-test", MFD_CLOEXEC | MFD_ALLOW_SEALING);
-  if (fd < 0 || ::write(fd, bytes.data(), bytes.size()) != static_cast<ssize_t>(bytes.size()) ||
-      (seals != 0 && fcntl(fd, F_ADD_SEALS, seals) != 0))
+  if (fd < 0 || ::write(fd, "{}", 2) != 2 || (seals != 0 && fcntl(fd, F_ADD_SEALS, seals) != 0))
     throw std::runtime_error("cannot make the test memfd");
   return fd;
 }
 
 class SimulatorServiceTest : public testing::Test {
 protected:
-  PrivateSessionBus bus;
+  // Stored PNGs make every state with a screenshot megabytes, a reply in a memfd.
+  static void SetUpTestSuite() {
+    bus = std::make_unique<PrivateSessionBus>();
+    simulator = std::make_unique<RuntimeSimulatorProcess>(bus->address(), std::vector<std::string>{"--png-level", "0"});
+  }
+
+  // SIGTERM ends the simulator with status 0 and says nothing, after all the suite did to
+  // it: a sanitizer's report would show on its standard error.
+  static void TearDownTestSuite() {
+    EXPECT_EQ(simulator->stop(), 0);
+    EXPECT_EQ(simulator->process().errorOutput(), "");
+    simulator.reset();
+    bus.reset();
+  }
+
+  void SetUp() override {
+    control.clearEvents();
+    ASSERT_TRUE(control.setFaults("[]"));
+  }
+
+  // Starts the capture `id` and takes its first update, so that the next one waits.
+  static void startCapture(SimulatorControl &client, const std::string &id) {
+    ASSERT_FALSE(replyJSON(client.send(startType, idBody(id))).contains("error"));
+    ASSERT_EQ(updateType(client.send(nextType, nextBody(id, R"(,"timeoutMs":0)"))), "snapshot");
+  }
+
+  // Waits until `count` next-updates have started waiting in all; the last one's event.
+  nlohmann::json awaitWaiting(uint32_t count) { return control.awaitEvents(waiting, count).value().back(); }
+
+  static inline std::unique_ptr<PrivateSessionBus> bus;
+  static inline std::unique_ptr<RuntimeSimulatorProcess> simulator;
+  SimulatorControl control{bus->address(), busName};
 };
 
-// ---- every request ----
+// ---- a run, the journal and the payload forms ----
 
-TEST_F(SimulatorServiceTest, EveryRequestTypeIsAnsweredWithItsResponse) {
-  RuntimeSimulatorProcess simulator(bus.address());
-  SimulatorControl client(bus.address(), busName);
-  struct Row {
-    std::string_view type;
-    std::string body;
-    std::function<bool(const std::string &)> decodes;
-  };
-  const Row rows[] = {
-      {ComputerUseIPCHealthRequest::requestType, R"({"refreshClientActivity":true})",
-       decodesAs<ComputerUseIPCHealthRequest>()},
-      {ComputerUseIPCListAppsRequest::requestType, "{}", decodesAs<ComputerUseIPCListAppsRequest>()},
-      {ComputerUseIPCAppGetStateRequest::requestType, R"({"app":"Files"})", decodesAs<ComputerUseIPCAppGetStateRequest>()},
-      {ComputerUseIPCAppPerformActionRequest::requestType,
-       R"({"app":"Notes","action":{"click":{"_0":{"elementIndex":1,"clickCount":1,"mouseButton":0}}}})",
-       decodesAs<ComputerUseIPCAppPerformActionRequest>()},
-      {ComputerUseIPCAppExecuteActionRequest::requestType, R"({"app":"Notes","action":{"typeText":{"_0":{"text":"hi"}}}})",
-       decodesAs<ComputerUseIPCAppExecuteActionRequest>()},
-      {ComputerUseIPCAppStartRequest::requestType, R"({"app":"Notes"})", decodesAs<ComputerUseIPCAppStartRequest>()},
-      {ComputerUseIPCAppModifyRequest::requestType, R"({"app":"Notes","modification":"hide"})",
-       decodesAs<ComputerUseIPCAppModifyRequest>()},
-      {ComputerUseIPCAppUsageRequest::requestType, "{}", decodesAs<ComputerUseIPCAppUsageRequest>()},
-      {ComputerUseIPCHostSessionObserveRequest::requestType, R"({"context":{"sessionId":"s","turnId":"t"}})",
-       decodesAs<ComputerUseIPCHostSessionObserveRequest>()},
-      {ComputerUseIPCEventStreamStartRequest::requestType, R"({"sessionId":"s","screenshotMode":"off"})",
-       decodesAs<ComputerUseIPCEventStreamStartRequest>()},
-      {ComputerUseIPCEventStreamStatusRequest::requestType, "{}", decodesAs<ComputerUseIPCEventStreamStatusRequest>()},
-      {ComputerUseIPCEventStreamStopRequest::requestType, R"({"reason":"toolStopped"})",
-       decodesAs<ComputerUseIPCEventStreamStopRequest>()},
-      {ComputerUseIPCCancelRequest::requestType, R"({"requestID":"NOTHING-PENDING"})",
-       [](const std::string &bytes) { return bytes == "{}"; }},
-      {ComputerUseIPCAppStartFrontmostCaptureRequest::requestType, R"({"requestId":"CAPTURE-1"})",
-       decodesAs<ComputerUseIPCAppStartFrontmostCaptureRequest>()},
-      {ComputerUseIPCAppNextCaptureUpdateRequest::requestType, R"({"requestId":"CAPTURE-1","timeoutMs":0})",
-       decodesAs<ComputerUseIPCAppNextCaptureUpdateRequest>()},
-      {ComputerUseIPCAppCancelCaptureRequest::requestType, R"({"requestId":"CAPTURE-1"})",
-       [](const std::string &bytes) { return bytes == "{}"; }},
-  };
-  int sent = 0;
-  for (const auto &row : rows) {
-    SCOPED_TRACE(row.type);
-    const std::string id = "REQUEST-" + std::to_string(++sent);
-    const auto reply = client.send(row.type, row.body, id);
-    ASSERT_TRUE(reply.has_value()) << reply.error().name << ": " << reply.error().message;
-    EXPECT_EQ(reply->errn, std::nullopt) << reply->errs.value_or("");
-    EXPECT_EQ(reply->form, RuntimeReply::Form::directObject);
-    ASSERT_TRUE(reply->bytes.has_value());
-    EXPECT_TRUE(row.decodes(*reply->bytes)) << reply->bytes->substr(0, 300);
-    // The journal saw the call as it was sent.
-    const auto events = client.awaitEvents(row.type, 1);
-    ASSERT_TRUE(events.has_value());
-    const auto &entry = events->back();
-    EXPECT_EQ(entry["requestID"], id);
-    EXPECT_EQ(entry["clientVersion"], "1.0");
-    EXPECT_EQ(entry["payload"], "inline");
-    EXPECT_EQ(entry["bodyBytes"], row.body.size());
-    EXPECT_EQ(entry["body"], parseJSON(row.body).value());
-  }
-  EXPECT_EQ(client.events().size(), std::size(rows));
-  // The two actions reached the same field, one after the other.
-  const auto state = client.send(ComputerUseIPCAppGetStateRequest::requestType,
-                                 R"({"app":"Notes","observation":"state"})");
-  EXPECT_NE(decoded<ComputerUseIPCToolResultResponse>(state).content.at(0).text->find(
-                "1 text field \"Title\" value: \"hi\" (focused"),
-            std::string::npos);
-}
-
-TEST_F(SimulatorServiceTest, HealthDescribesTheRunningSimulator) {
-  RuntimeSimulatorProcess simulator(bus.address(), {"--bus-name", "org.example.Runtime", "--unhealthy"});
-  SimulatorControl client(bus.address(), "org.example.Runtime");
-  const auto first = decoded<ComputerUseIPCHealthResponse>(client.send(ComputerUseIPCHealthRequest::requestType, "{}"));
-  const auto second = decoded<ComputerUseIPCHealthResponse>(
-      *client.send(ComputerUseIPCHealthRequest::requestType, R"({"refreshClientActivity":true})"));
-  EXPECT_EQ(first.runtimePID, simulator.pid());
+TEST_F(SimulatorServiceTest, HealthDescribesTheRunAndTheJournalKeepsTheCall) {
+  RuntimeSimulatorProcess other(bus->address(),
+                                {"--bus-name", "org.example.Runtime", "--unhealthy", "--screen-size", "400x320"});
+  SimulatorControl client(bus->address(), "org.example.Runtime");
+  const auto first = decoded<ComputerUseIPCHealthResponse>(client.send(healthType, "{}"));
+  const auto second =
+      decoded<ComputerUseIPCHealthResponse>(client.send(healthType, R"({"refreshClientActivity":true})", "HEALTH-2"));
+  EXPECT_EQ(first.runtimePID, other.pid());
   EXPECT_EQ(first.bundleIdentifier, "org.example.Runtime");
   char resolved[PATH_MAX];
   ASSERT_NE(::realpath(RuntimeSimulatorProcess::defaultExecutable().c_str(), resolved), nullptr);
@@ -162,95 +147,71 @@ TEST_F(SimulatorServiceTest, HealthDescribesTheRunningSimulator) {
   EXPECT_EQ(second.generationID, first.generationID);
   EXPECT_EQ(first.activeClientCount, 0);
   EXPECT_EQ(second.activeClientCount, 1);
-  // Another run is another generation.
-  RuntimeSimulatorProcess other(bus.address(), {"--bus-name", "org.example.Other"});
-  SimulatorControl otherClient(bus.address(), "org.example.Other");
-  const auto third = decoded<ComputerUseIPCHealthResponse>(otherClient.send(ComputerUseIPCHealthRequest::requestType, "{}"));
-  EXPECT_NE(third.generationID, first.generationID);
-  EXPECT_TRUE(third.isHealthy);
+  // Another run is another generation, healthy unless told otherwise.
+  const auto shared = decoded<ComputerUseIPCHealthResponse>(control.send(healthType, "{}"));
+  EXPECT_NE(shared.generationID, first.generationID);
+  EXPECT_TRUE(shared.isHealthy);
+  // The screen size reaches the desktop.
+  const auto state = decoded<ToolResult>(client.send(getStateType, R"({"app":"Notes","observation":"state"})"));
+  EXPECT_NE(state.content.at(0).text->find("400x320 pixels"), std::string::npos);
+  // The journal has the call as it was sent.
+  EXPECT_EQ(client.events().at(1), parseJSON(R"({"requestType":"ComputerUseIPCHealthRequest","requestID":"HEALTH-2",
+      "clientVersion":"1.0","payload":"inline","bodyBytes":30,"body":{"refreshClientActivity":true}})").value());
 }
 
-// ---- payload forms ----
-
 TEST_F(SimulatorServiceTest, RepliesTravelInlineUpTo64KiBAndInAMemfdAbove) {
-  RuntimeSimulatorProcess simulator(bus.address());
-  SimulatorControl client(bus.address(), busName);
-  const auto perform = ComputerUseIPCAppPerformActionRequest::requestType;
   // The reply echoes the value, so its size is the value's plus a constant.
-  const auto probe = client.send(perform, setTitle(1000));
+  const auto probe = control.send(performType, setValueBody(1, std::string(1000, 'a')));
   ASSERT_TRUE(probe && probe->bytes);
-  const size_t constant = probe->bytes->size() - 1000;
-  const size_t fits = 65536 - constant;
-  const auto atLimit = client.send(perform, setTitle(fits));
-  ASSERT_TRUE(atLimit.has_value());
-  EXPECT_EQ(atLimit->form, RuntimeReply::Form::directObject);
+  const size_t fits = 65536 - (probe->bytes->size() - 1000);
+  const auto atLimit = control.send(performType, setValueBody(1, std::string(fits, 'a')));
+  EXPECT_EQ(atLimit.value().form, Form::directObject);
   EXPECT_EQ(atLimit->bytes.value_or("").size(), 65536u);
-  const auto overLimit = client.send(perform, setTitle(fits + 1));
-  ASSERT_TRUE(overLimit.has_value());
-  EXPECT_EQ(overLimit->form, RuntimeReply::Form::responseFile);
-  ASSERT_TRUE(overLimit->bytes.has_value()) << "RspF is not a sealed memfd";
-  EXPECT_EQ(overLimit->bytes->size(), 65537u);
-  EXPECT_FALSE(decoded<ComputerUseIPCToolResultResponse>(*overLimit).isError);
+  const auto overLimit = control.send(performType, setValueBody(1, std::string(fits + 1, 'a')));
+  EXPECT_EQ(overLimit.value().form, Form::responseFile);
+  EXPECT_EQ(overLimit->bytes.value_or("").size(), 65537u) << "RspF is not a sealed memfd";
+  EXPECT_FALSE(decoded<ToolResult>(overLimit).isError);
 }
 
 TEST_F(SimulatorServiceTest, AFourMegabytePasteTravelsInMemfdsBothWays) {
-  RuntimeSimulatorProcess simulator(bus.address());
-  SimulatorControl client(bus.address(), busName);
-  const auto perform = ComputerUseIPCAppPerformActionRequest::requestType;
-  ASSERT_TRUE(client.send(perform, R"({"app":"Notes","action":{"click":{"_0":{"elementIndex":2,"clickCount":1,"mouseButton":0}}}})"));
-  const std::string text(PasteParams::maxTextBytes, 'q');
-  const std::string body = R"({"app":"Notes","action":{"paste":{"_0":{"text":")" + text + R"(","format":"text"}}}})";
-  const auto reply = client.send(perform, body, "PASTE-1");
-  ASSERT_TRUE(reply.has_value());
-  EXPECT_EQ(reply->errn, std::nullopt) << reply->errs.value_or("");
-  EXPECT_EQ(reply->form, RuntimeReply::Form::responseFile);
-  const auto result = decoded<ComputerUseIPCToolResultResponse>(*reply);
-  EXPECT_FALSE(result.isError);
-  EXPECT_NE(result.content.at(1).text->find("value: \"" + std::string(128 * 1024, 'q') + "\" (cut; 4000000 bytes in all)"),
-            std::string::npos);
-  const auto events = client.awaitEvents(perform, 2);
-  ASSERT_TRUE(events.has_value());
-  EXPECT_EQ(events->back()["payload"], "memfd");
-  EXPECT_EQ(events->back()["bodyBytes"], body.size());
-  EXPECT_FALSE(events->back().contains("body"));
+  ASSERT_TRUE(control.send(performType, clickBody("Notes", 2)));
+  const std::string body = R"({"app":"Notes","action":{"paste":{"_0":{"text":")" +
+                           std::string(PasteParams::maxTextBytes, 'q') + R"(","format":"text"}}}})";
+  const auto reply = control.send(performType, body);
+  EXPECT_EQ(reply.value().form, Form::responseFile);
+  EXPECT_FALSE(decoded<ToolResult>(reply).isError);
+  // Journalled without the body, which is over 64 KiB.
+  const auto entry = control.events().back();
+  EXPECT_EQ(entry["payload"], "memfd");
+  EXPECT_EQ(entry["bodyBytes"], body.size());
+  EXPECT_FALSE(entry.contains("body"));
+  ASSERT_TRUE(control.send(performType, setValueBody(2, ""))); // the next tests' Notes stays small
 }
 
-TEST_F(SimulatorServiceTest, ASmallRequestInASealedMemfdIsAccepted) {
-  RuntimeSimulatorProcess simulator(bus.address());
-  SimulatorControl client(bus.address(), busName);
-  const int fd = makeSealedMemfd("tavix-test", "{}");
-  SendArguments arguments;
-  arguments.requestType = std::string(ComputerUseIPCListAppsRequest::requestType);
-  arguments.requestFile = fd;
-  const auto reply = client.sendArguments(arguments);
-  ::close(fd);
-  ASSERT_TRUE(reply.has_value());
-  EXPECT_EQ(reply->errn, std::nullopt);
-  EXPECT_FALSE(decoded<ComputerUseIPCToolResultResponse>(*reply).isError);
-  EXPECT_EQ(client.events().back()["body"], nlohmann::json::object());
-}
-
-TEST_F(SimulatorServiceTest, RequestFilesThatAreNotSealedMemfdsAreRefused) {
-  RuntimeSimulatorProcess simulator(bus.address());
-  SimulatorControl client(bus.address(), busName);
+TEST_F(SimulatorServiceTest, ARequestFileMustBeASealedMemfd) {
   TemporaryDirectory directory;
   writeFile(directory / "request.json", "{}");
-  const std::pair<const char *, std::function<int()>> rows[] = {
-      {"an unsealed memfd", [] { return memfdWithSeals("{}", 0); }},
-      {"a memfd that may still be written", [] { return memfdWithSeals("{}", F_SEAL_SHRINK | F_SEAL_GROW); }},
-      {"a memfd that may still grow", [] { return memfdWithSeals("{}", F_SEAL_WRITE | F_SEAL_SHRINK); }},
-      {"a regular file", [&] { return ::open((directory / "request.json").c_str(), O_RDONLY | O_CLOEXEC); }},
+  const std::tuple<const char *, std::function<int()>, bool> rows[] = {
+      {"a sealed memfd", [] { return makeSealedMemfd("tavix-test", "{}"); }, true},
+      {"an unsealed memfd", [] { return memfdWithSeals(0); }, false},
+      {"a memfd that may still be written", [] { return memfdWithSeals(F_SEAL_SHRINK | F_SEAL_GROW); }, false},
+      {"a memfd that may still grow", [] { return memfdWithSeals(F_SEAL_WRITE | F_SEAL_SHRINK); }, false},
+      {"a regular file", [&] { return ::open((directory / "request.json").c_str(), O_RDONLY | O_CLOEXEC); }, false},
   };
-  for (const auto &[name, openFile] : rows) {
+  for (const auto &[name, openFile, accepted] : rows) {
     SCOPED_TRACE(name);
-    const int fd = openFile();
-    ASSERT_GE(fd, 0);
     SendArguments arguments;
-    arguments.requestType = std::string(ComputerUseIPCListAppsRequest::requestType);
-    arguments.requestFile = fd;
-    const auto reply = client.sendArguments(arguments);
-    ::close(fd);
+    arguments.requestType = std::string(listAppsType);
+    arguments.requestFile = openFile();
+    ASSERT_GE(arguments.requestFile, 0);
+    const auto reply = control.sendArguments(arguments);
+    ::close(arguments.requestFile);
     ASSERT_TRUE(reply.has_value());
+    if (accepted) {
+      EXPECT_FALSE(decoded<ToolResult>(reply).isError);
+      EXPECT_EQ(control.events().back()["body"], nlohmann::json::object());
+      continue;
+    }
     EXPECT_EQ(reply->errn, -1700);
     EXPECT_EQ(reply->errs, "ReqF is not a memfd sealed against writing, shrinking and growing of at most 64 MiB");
     EXPECT_EQ(reply->bytes, std::nullopt);
@@ -258,360 +219,298 @@ TEST_F(SimulatorServiceTest, RequestFilesThatAreNotSealedMemfdsAreRefused) {
 }
 
 TEST_F(SimulatorServiceTest, MalformedSendsAreRefusedWithTheirErrorNumbers) {
-  RuntimeSimulatorProcess simulator(bus.address());
-  SimulatorControl client(bus.address(), busName);
   const int sealed = makeSealedMemfd("tavix-test", "{}");
-  struct Row {
-    const char *name;
+  const auto withType = [](std::optional<std::string> data, const char *eventClass = "ZlCu", const char *eventID = "SndR") {
     SendArguments arguments;
-    int32_t errn;
-    std::string errs;
-  };
-  const auto withType = [](std::optional<std::string> data) {
-    SendArguments arguments;
-    arguments.requestType = "ComputerUseIPCHealthRequest";
+    arguments.eventClass = eventClass;
+    arguments.eventID = eventID;
+    arguments.requestType = std::string(healthType);
     arguments.requestData = std::move(data);
     return arguments;
   };
-  SendArguments otherEvent = withType("{}");
-  otherEvent.eventClass = "aevt";
-  otherEvent.eventID = "odoc";
-  SendArguments otherID = withType("{}");
-  otherID.eventID = "SndX";
-  SendArguments noType;
-  noType.requestData = "{}";
-  SendArguments both = withType("{}");
+  SendArguments noType = withType("{}"), both = withType("{}");
+  noType.requestType.reset();
   both.requestFile = sealed;
-  SendArguments unknown = withType("{}");
-  unknown.requestType = "ComputerUseIPCTeleportRequest";
-  const Row rows[] = {
-      {"another event", otherEvent, -1708, "Event not handled: aevt/odoc"},
-      {"another event id", otherID, -1708, "Event not handled: ZlCu/SndX"},
-      {"no request type", noType, -1701, "The request has no RspT parameter"},
-      {"no body", withType(std::nullopt), -1701, "The request has neither ReqD nor ReqF"},
-      {"both forms of body", both, -1700, "A request carries either ReqD or ReqF, not both"},
-      {"an unknown request type", unknown, 1, "Unknown request type: ComputerUseIPCTeleportRequest"},
-      {"a body that is not JSON", withType("{"), -50, "Invalid ComputerUseIPCHealthRequest: the body is not JSON"},
-      {"a body that is not the record", withType(R"({"refreshClientActivity":"yes"})"), -50,
-       "Invalid ComputerUseIPCHealthRequest: Expected a boolean for \"refreshClientActivity\""},
+  const std::tuple<SendArguments, int32_t, std::string> rows[] = {
+      {withType("{}", "aevt", "odoc"), -1708, "Event not handled: aevt/odoc"},
+      {withType("{}", "ZlCu", "SndX"), -1708, "Event not handled: ZlCu/SndX"},
+      {noType, -1701, "The request has no RspT parameter"},
+      {withType(std::nullopt), -1701, "The request has neither ReqD nor ReqF"},
+      {both, -1700, "A request carries either ReqD or ReqF, not both"},
   };
-  for (const auto &row : rows) {
-    SCOPED_TRACE(row.name);
-    const auto reply = client.sendArguments(row.arguments);
+  for (const auto &[arguments, errn, errs] : rows) {
+    SCOPED_TRACE(errs);
+    const auto reply = control.sendArguments(arguments);
     ASSERT_TRUE(reply.has_value()) << reply.error().name;
-    EXPECT_EQ(reply->errn, row.errn);
-    EXPECT_EQ(reply->errs, row.errs);
-    EXPECT_EQ(reply->form, RuntimeReply::Form::none);
+    EXPECT_EQ(reply->errn, errn);
+    EXPECT_EQ(reply->errs, errs);
+    EXPECT_EQ(reply->form, Form::none);
   }
   ::close(sealed);
   // Every one was journalled, even those refused before their type was known.
-  EXPECT_EQ(client.events().size(), std::size(rows));
+  EXPECT_EQ(control.events().size(), std::size(rows));
 }
 
-// ---- concurrency and cancellation ----
+// ---- cancellation ----
 
 TEST_F(SimulatorServiceTest, ACancelEndsAWaitingRequestAtOnceWhileOthersAreServed) {
-  RuntimeSimulatorProcess simulator(bus.address());
-  SimulatorControl control(bus.address(), busName);
-  const std::pair<const char *, std::string> rows[] = {
-      {"a long delay", R"([{"requestType":"ComputerUseIPCAppGetStateRequest","delayMs":600000}])"},
-      {"no answer at all", R"([{"requestType":"ComputerUseIPCAppGetStateRequest","neverAnswer":true}])"},
-  };
-  for (const auto &[name, faults] : rows) {
-    SCOPED_TRACE(name);
+  for (const char *effect : {R"("delayMs":600000)", R"("neverAnswer":true)"}) {
+    SCOPED_TRACE(effect);
     control.clearEvents();
-    ASSERT_TRUE(control.setFaults(faults));
-    tl::expected<RuntimeReply, BusError> waiting = tl::unexpected(BusError{});
-    const auto start = std::chrono::steady_clock::now();
-    std::thread caller([&] {
-      SimulatorControl slow(bus.address(), busName);
-      waiting = slow.send(ComputerUseIPCAppGetStateRequest::requestType, R"({"app":"Notes"})", "SLOW-1", 120s);
-    });
-    ASSERT_TRUE(control.awaitEvents(ComputerUseIPCAppGetStateRequest::requestType, 1).has_value());
-    // The slow request holds nothing up.
-    const auto health = control.send(ComputerUseIPCHealthRequest::requestType, "{}");
-    EXPECT_TRUE(health && health->errn == std::nullopt);
-    const auto cancel = control.send(ComputerUseIPCCancelRequest::requestType, R"({"requestID":"SLOW-1"})");
-    caller.join();
-    ASSERT_TRUE(cancel.has_value());
-    EXPECT_EQ(cancel->bytes, "{}");
-    ASSERT_TRUE(waiting.has_value()) << waiting.error().name;
-    EXPECT_EQ(waiting->errn, -128);
-    EXPECT_EQ(waiting->errs, "Request cancelled");
-    EXPECT_LT(std::chrono::steady_clock::now() - start, 60s);
+    ASSERT_TRUE(control.setFaults(R"([{"requestType":"ComputerUseIPCAppGetStateRequest",)" + std::string(effect) + "}]"));
+    SimulatorControl slow(bus->address(), busName);
+    ASSERT_TRUE(slow.sendWithoutWaiting(getStateType, R"({"app":"Notes"})", "SLOW-1", 20s));
+    ASSERT_TRUE(control.awaitEvents(getStateType, 1).has_value());
+    // The slow request holds nothing up, and the cancel ends it well before its time-out.
+    EXPECT_EQ(control.send(healthType, "{}").value().errn, std::nullopt);
+    EXPECT_EQ(control.send(cancelType, R"({"requestID":"SLOW-1"})").value().bytes, "{}");
+    const auto replies = slow.awaitReplies();
+    ASSERT_EQ(replies.size(), 1u);
+    ASSERT_TRUE(replies[0].reply.has_value()) << replies[0].reply.error().name;
+    EXPECT_EQ(replies[0].reply->errn, -128);
+    EXPECT_EQ(replies[0].reply->errs, "Request cancelled");
   }
 }
 
 TEST_F(SimulatorServiceTest, ACancelForAnotherRequestLeavesTheDelayedOneToFinish) {
-  RuntimeSimulatorProcess simulator(bus.address(), {"--faults", R"([{"requestType":"ComputerUseIPCListAppsRequest","delayMs":300}])"});
-  SimulatorControl control(bus.address(), busName);
-  tl::expected<RuntimeReply, BusError> delayed = tl::unexpected(BusError{});
-  std::thread caller([&] {
-    SimulatorControl slow(bus.address(), busName);
-    delayed = slow.send(ComputerUseIPCListAppsRequest::requestType, "{}", "SLOW-2");
-  });
-  ASSERT_TRUE(control.awaitEvents(ComputerUseIPCListAppsRequest::requestType, 1).has_value());
-  const auto cancel = control.send(ComputerUseIPCCancelRequest::requestType, R"({"requestID":"SLOW-3"})");
-  caller.join();
-  EXPECT_EQ(cancel.value().bytes, "{}");
-  ASSERT_TRUE(delayed.has_value());
-  EXPECT_EQ(delayed->errn, std::nullopt);
-  EXPECT_FALSE(decoded<ComputerUseIPCToolResultResponse>(*delayed).isError);
+  ASSERT_TRUE(control.setFaults(R"([{"requestType":"ComputerUseIPCListAppsRequest","delayMs":100}])"));
+  SimulatorControl slow(bus->address(), busName);
+  ASSERT_TRUE(slow.sendWithoutWaiting(listAppsType, "{}", "SLOW-2"));
+  ASSERT_TRUE(control.awaitEvents(listAppsType, 1).has_value());
+  EXPECT_EQ(control.send(cancelType, R"({"requestID":"SLOW-3"})").value().bytes, "{}");
+  const auto replies = slow.awaitReplies();
+  ASSERT_EQ(replies.size(), 1u);
+  EXPECT_FALSE(decoded<ToolResult>(replies[0].reply).isError);
 }
 
 // ---- faults ----
 
-TEST_F(SimulatorServiceTest, NotReadyForTheFirstCallsThenReady) {
-  // From the command line and over the control interface, at two counts.
-  const std::pair<int, bool> rows[] = {{3, true}, {1, false}};
-  for (const auto &[times, onCommandLine] : rows) {
-    SCOPED_TRACE(times);
-    const std::string rules = R"([{"errn":-1708,"times":)" + std::to_string(times) + "}]";
-    RuntimeSimulatorProcess simulator(bus.address(), onCommandLine ? std::vector<std::string>{"--faults", rules}
-                                                                   : std::vector<std::string>{});
-    SimulatorControl client(bus.address(), simulator.uniqueName());
-    if (!onCommandLine)
-      ASSERT_TRUE(client.setFaults(rules));
-    for (int call = 1; call <= times + 1; ++call) {
-      const auto reply = client.send(ComputerUseIPCHealthRequest::requestType, "{}");
-      ASSERT_TRUE(reply.has_value());
-      if (call <= times) {
-        EXPECT_EQ(reply->errn, -1708) << "call " << call;
-        EXPECT_EQ(reply->errs, "Simulated error -1708");
-      } else {
-        EXPECT_EQ(reply->errn, std::nullopt) << "call " << call;
-        EXPECT_EQ(reply->form, RuntimeReply::Form::directObject);
-      }
-    }
-  }
-}
-
 TEST_F(SimulatorServiceTest, ScriptedRepliesAndBusErrors) {
-  RuntimeSimulatorProcess simulator(bus.address());
-  SimulatorControl client(bus.address(), busName);
-  ASSERT_TRUE(client.setFaults(R"([
+  ASSERT_TRUE(control.setFaults(R"([
     {"requestType":"ComputerUseIPCHealthRequest","dbusError":"org.freedesktop.DBus.Error.AccessDenied","errs":"no"},
     {"requestType":"ComputerUseIPCListAppsRequest","noDirectObject":true},
-    {"requestType":"ComputerUseIPCAppUsageRequest","errn":-1743,"errs":"Not permitted"}])"));
-  const auto denied = client.send(ComputerUseIPCHealthRequest::requestType, "{}");
+    {"requestType":"ComputerUseIPCAppUsageRequest","errn":-1743,"times":1}])"));
+  const auto denied = control.send(healthType, "{}");
   ASSERT_FALSE(denied.has_value());
   EXPECT_EQ(denied.error().name, "org.freedesktop.DBus.Error.AccessDenied");
   EXPECT_EQ(denied.error().message, "no");
-  const auto empty = client.send(ComputerUseIPCListAppsRequest::requestType, "{}");
-  ASSERT_TRUE(empty.has_value());
-  EXPECT_EQ(empty->errn, std::nullopt);
-  EXPECT_EQ(empty->form, RuntimeReply::Form::none);
-  EXPECT_EQ(empty->bytes, std::nullopt);
-  const auto refused = client.send(ComputerUseIPCAppUsageRequest::requestType, "{}");
-  ASSERT_TRUE(refused.has_value());
-  EXPECT_EQ(refused->errn, -1743);
-  EXPECT_EQ(refused->errs, "Not permitted");
-  // Requests no rule names are served.
-  EXPECT_EQ(client.send(ComputerUseIPCAppStartRequest::requestType, R"({"app":"Notes"})")->bytes, "{}");
+  const auto empty = control.send(listAppsType, "{}");
+  EXPECT_EQ(empty.value().errn, std::nullopt);
+  EXPECT_EQ(empty->form, Form::none);
+  const auto refused = control.send(usageType, "{}");
+  EXPECT_EQ(refused.value().errn, -1743);
+  EXPECT_EQ(refused->errs, "Simulated error -1743");
+  // A rule used up, and requests no rule names, are served.
+  EXPECT_EQ(control.send(usageType, "{}").value().bytes, "{}");
+  EXPECT_EQ(control.send(ComputerUseIPCAppStartRequest::requestType, R"({"app":"Notes"})").value().bytes, "{}");
+  // An invalid script is refused and the old one stays.
+  const auto invalid = control.setFaults(R"([{"times":0}])");
+  ASSERT_FALSE(invalid.has_value());
+  EXPECT_EQ(invalid.error().name, "org.freedesktop.DBus.Error.InvalidArgs");
+  EXPECT_EQ(invalid.error().message, "Fault rule 1: \"times\" must be an integer from 1 to 1000000");
+  EXPECT_EQ(control.send(listAppsType, "{}").value().form, Form::none);
 }
 
-TEST_F(SimulatorServiceTest, InvalidFaultsAreRefusedAndTheOldScriptStays) {
-  RuntimeSimulatorProcess simulator(bus.address(), {"--faults", R"([{"errn":-1708}])"});
-  SimulatorControl client(bus.address(), busName);
-  const auto refused = client.setFaults(R"([{"times":0}])");
-  ASSERT_FALSE(refused.has_value());
-  EXPECT_EQ(refused.error().name, "org.freedesktop.DBus.Error.InvalidArgs");
-  EXPECT_EQ(refused.error().message, "Fault rule 1: \"times\" must be an integer from 1 to 1000000");
-  EXPECT_EQ(client.send(ComputerUseIPCHealthRequest::requestType, "{}")->errn, -1708);
-  ASSERT_TRUE(client.setFaults("[]"));
-  EXPECT_EQ(client.send(ComputerUseIPCHealthRequest::requestType, "{}")->errn, std::nullopt);
-}
-
-TEST_F(SimulatorServiceTest, ACrashEndsTheProcessInTheMiddleOfTheCall) {
-  RuntimeSimulatorProcess simulator(bus.address(), {"--faults", R"([{"requestType":"ComputerUseIPCHealthRequest","crash":true}])"});
-  SimulatorControl client(bus.address(), busName);
-  EXPECT_EQ(client.send(ComputerUseIPCListAppsRequest::requestType, "{}")->errn, std::nullopt);
-  const auto reply = client.send(ComputerUseIPCHealthRequest::requestType, "{}");
+TEST_F(SimulatorServiceTest, ACrashFromTheCommandLineEndsTheProcessInTheMiddleOfTheCall) {
+  RuntimeSimulatorProcess crashing(bus->address(), {"--bus-name", "org.example.Crash", "--faults",
+                                                    R"([{"requestType":"ComputerUseIPCHealthRequest","crash":true}])"});
+  SimulatorControl client(bus->address(), "org.example.Crash");
+  EXPECT_EQ(client.send(listAppsType, "{}").value().errn, std::nullopt);
+  const auto reply = client.send(healthType, "{}");
   ASSERT_FALSE(reply.has_value());
   EXPECT_EQ(reply.error().name, "org.freedesktop.DBus.Error.NoReply");
-  EXPECT_EQ(simulator.waitForExit(), 70);
+  EXPECT_EQ(crashing.waitForExit(), 70);
 }
 
-TEST_F(SimulatorServiceTest, RepliesOver48MiBAreRefused) {
-  // A 4096 by 4096 screenshot stored uncompressed is 48 MiB of PNG before base64.
-  RuntimeSimulatorProcess simulator(bus.address(), {"--screen-size", "4096x4096", "--png-level", "0"});
-  SimulatorControl client(bus.address(), busName);
-  const auto reply = client.send(ComputerUseIPCAppGetStateRequest::requestType, R"({"app":"Notes","observation":"screenshot"})");
-  ASSERT_TRUE(reply.has_value());
-  EXPECT_EQ(reply->errn, -1700);
-  EXPECT_TRUE(reply->errs.value_or("").ends_with("bytes is over the limit of 50331648 bytes")) << reply->errs.value_or("");
-  EXPECT_EQ(reply->bytes, std::nullopt);
-}
-
-TEST_F(SimulatorServiceTest, AnUncompressedScreenshotIsAsLargeAsTheScreen) {
-  RuntimeSimulatorProcess simulator(bus.address(), {"--screen-size", "1320x1320", "--png-level", "0"});
-  SimulatorControl client(bus.address(), busName);
-  const auto reply = client.send(ComputerUseIPCAppGetStateRequest::requestType, R"({"app":"Calculator"})");
-  ASSERT_TRUE(reply.has_value());
-  EXPECT_EQ(reply->form, RuntimeReply::Form::responseFile);
-  const auto result = decoded<ComputerUseIPCToolResultResponse>(*reply);
-  ASSERT_EQ(result.content.size(), 2u);
-  const std::string &data = *result.content[1].data;
-  // About five megabytes of PNG, three bytes a pixel, four thirds of that in base64.
-  EXPECT_GT(data.size(), 1320u * 1320 * 3 * 4 / 3);
-  EXPECT_LT(data.size(), 1320u * 1320 * 3 * 4 / 3 + 1320 * 4 + 4096);
-}
+// ---- the reply cache ----
 
 TEST_F(SimulatorServiceTest, ARepeatedStateAnswersTheSameUntilTheDesktopChanges) {
-  RuntimeSimulatorProcess simulator(bus.address(), {"--png-level", "0"});
-  SimulatorControl client(bus.address(), busName);
-  const auto getState = ComputerUseIPCAppGetStateRequest::requestType;
-  const auto perform = ComputerUseIPCAppPerformActionRequest::requestType;
   const std::string notes = R"({"app":"Notes"})";
-  const std::string clickText =
-      R"({"app":"Notes","action":{"click":{"_0":{"elementIndex":2,"clickCount":1,"mouseButton":0}}}})";
-  struct Row {
-    const char *name;
-    std::optional<std::string> action; // sent between the two state requests
-    std::string next;
-    bool sameBytes;
-  };
-  const Row rows[] = {
-      {"nothing between", std::nullopt, notes, true},
-      {"a click", clickText, notes, false},
-      {"another observation", std::nullopt, R"({"app":"Notes","observation":"state"})", false},
-      {"another app", std::nullopt, R"({"app":"Files"})", false},
-      {"nothing between, again", std::nullopt, notes, true},
-  };
-  for (const auto &row : rows) {
-    SCOPED_TRACE(row.name);
-    const auto before = client.send(getState, notes);
-    ASSERT_TRUE(before && before->bytes) << "no sealed memfd";
-    EXPECT_EQ(before->form, RuntimeReply::Form::responseFile);
-    if (row.action)
-      ASSERT_FALSE(decoded<ComputerUseIPCToolResultResponse>(client.send(perform, *row.action)).isError);
-    // Sent twice, so that a reply kept from the first is read a second time whole.
-    for (int time = 0; time < 2; ++time) {
-      const auto after = client.send(getState, row.next);
-      ASSERT_TRUE(after && after->bytes) << "no reply bytes";
-      EXPECT_EQ(*after->bytes == *before->bytes, row.sameBytes);
-      EXPECT_FALSE(decoded<ComputerUseIPCToolResultResponse>(*after).isError);
-    }
+  // Nothing between, a press of Save between, nothing again.
+  const std::pair<std::optional<std::string>, bool> rows[] = {
+      {std::nullopt, true}, {clickBody("Notes", 3), false}, {std::nullopt, true}};
+  for (const auto &[action, same] : rows) {
+    SCOPED_TRACE(action.value_or("nothing"));
+    const auto before = control.send(getStateType, notes);
+    EXPECT_EQ(before.value().form, Form::responseFile);
+    if (action)
+      ASSERT_FALSE(decoded<ToolResult>(control.send(performType, *action)).isError);
+    // Twice, so that a reply kept from the first is read a second time whole.
+    for (int time = 0; time < 2; ++time)
+      EXPECT_EQ(control.send(getStateType, notes).value().bytes == before->bytes, same);
   }
-  // The click's focus shows in the state that follows it.
-  const auto focused = decoded<ComputerUseIPCToolResultResponse>(client.send(getState, notes));
-  EXPECT_NE(focused.content.at(0).text->find("(focused"), std::string::npos);
+  // A stored PNG of the default screen: three bytes a pixel, four thirds of that in base64.
+  const auto screenshot = decoded<ToolResult>(control.send(getStateType, R"({"app":"Files","observation":"screenshot"})"))
+                              .content.at(0).data.value();
+  EXPECT_GT(screenshot.size(), 1024u * 768 * 3 * 4 / 3);
+  const DecodedPng png = decodePng(decodeBase64(screenshot));
+  EXPECT_EQ(png.problem, "");
+  EXPECT_EQ(std::pair(png.width, png.height), std::pair(1024u, 768u));
 }
 
-// ---- the name and the handler ----
+// ---- the name, the handler and the journal ----
 
 TEST_F(SimulatorServiceTest, InstancesQueueForTheName) {
-  RuntimeSimulatorProcess first(bus.address());
-  RuntimeSimulatorProcess second(bus.address());
-  SimulatorControl client(bus.address(), busName);
-  EXPECT_EQ(client.queuedOwners(busName).value(), (std::vector<std::string>{first.uniqueName(), second.uniqueName()}));
+  RuntimeSimulatorProcess second(bus->address());
+  EXPECT_EQ(control.queuedOwners(busName).value(), (std::vector{simulator->uniqueName(), second.uniqueName()}));
   // Calls to the name reach the owner; the queued one can be addressed by its unique name.
-  EXPECT_EQ(decoded<ComputerUseIPCHealthResponse>(client.send(ComputerUseIPCHealthRequest::requestType, "{}")).runtimePID,
-            first.pid());
-  SimulatorControl direct(bus.address(), second.uniqueName());
-  EXPECT_EQ(decoded<ComputerUseIPCHealthResponse>(direct.send(ComputerUseIPCHealthRequest::requestType, "{}")).runtimePID,
-            second.pid());
+  EXPECT_EQ(decoded<ComputerUseIPCHealthResponse>(control.send(healthType, "{}")).runtimePID, simulator->pid());
+  SimulatorControl direct(bus->address(), second.uniqueName());
+  EXPECT_EQ(decoded<ComputerUseIPCHealthResponse>(direct.send(healthType, "{}")).runtimePID, second.pid());
 }
 
-TEST_F(SimulatorServiceTest, ALateHandlerIsMissingUntilInstalled) {
-  RuntimeSimulatorProcess simulator(bus.address(), {"--late-handler-ms", "1500"});
-  SimulatorControl client(bus.address(), busName);
-  const auto early = client.send(ComputerUseIPCHealthRequest::requestType, "{}");
+TEST_F(SimulatorServiceTest, ALateHandlerIsMissingUntilInstalledAndSIGINTEndsTheProcess) {
+  RuntimeSimulatorProcess late(bus->address(), {"--bus-name", "org.example.Late", "--late-handler-ms", "1000"});
+  SimulatorControl client(bus->address(), "org.example.Late");
+  const auto early = client.send(healthType, "{}");
   ASSERT_FALSE(early.has_value());
-  EXPECT_TRUE(early.error().name == "org.freedesktop.DBus.Error.UnknownObject" ||
-              early.error().name == "org.freedesktop.DBus.Error.UnknownMethod" ||
-              early.error().name == "org.freedesktop.DBus.Error.UnknownInterface")
-      << early.error().name;
-  EXPECT_EQ(simulator.process().readLine(20s), "installed");
-  const auto late = client.send(ComputerUseIPCHealthRequest::requestType, "{}");
-  ASSERT_TRUE(late.has_value()) << late.error().name;
-  EXPECT_EQ(late->errn, std::nullopt);
+  EXPECT_TRUE(early.error().name.starts_with("org.freedesktop.DBus.Error.Unknown")) << early.error().name;
+  EXPECT_EQ(late.process().readLine(20s), "installed");
+  EXPECT_EQ(client.send(healthType, "{}").value().errn, std::nullopt);
   // The early call never reached the handler.
   EXPECT_EQ(client.events().size(), 1u);
+  late.process().signal(SIGINT);
+  EXPECT_EQ(late.waitForExit(), 0);
 }
 
-// ---- the journal ----
-
-TEST_F(SimulatorServiceTest, AwaitingEventsAnswersAtTheCountOrTimesOut) {
-  RuntimeSimulatorProcess simulator(bus.address());
-  SimulatorControl client(bus.address(), busName);
-  for (int call = 0; call < 2; ++call)
-    ASSERT_TRUE(client.send(ComputerUseIPCHealthRequest::requestType, "{}"));
-  ASSERT_TRUE(client.send(ComputerUseIPCListAppsRequest::requestType, "{}"));
-  const auto two = client.awaitEvents(ComputerUseIPCHealthRequest::requestType, 2, 100ms);
-  ASSERT_TRUE(two.has_value());
-  EXPECT_EQ(two->size(), 2u);
-  EXPECT_EQ(client.awaitEvents("*", 3, 100ms).value().size(), 3u);
-  const auto three = client.awaitEvents(ComputerUseIPCHealthRequest::requestType, 3, 100ms);
-  ASSERT_FALSE(three.has_value());
-  EXPECT_EQ(three.error().name, "com.tavix.computeruse.Simulator1.Error.TimedOut");
-  EXPECT_EQ(three.error().message, "2 of 3 ComputerUseIPCHealthRequest events arrived in time");
-  client.clearEvents();
-  EXPECT_EQ(client.events(), nlohmann::json::array());
+TEST_F(SimulatorServiceTest, AwaitingEventsTimesOutSayingHowManyArrived) {
+  ASSERT_TRUE(control.send(healthType, "{}"));
+  const auto two = control.awaitEvents(healthType, 2, 100ms);
+  ASSERT_FALSE(two.has_value());
+  EXPECT_EQ(two.error().name, "com.tavix.computeruse.Simulator1.Error.TimedOut");
+  EXPECT_EQ(two.error().message, "1 of 2 ComputerUseIPCHealthRequest events arrived in time");
 }
 
 // ---- how the process ends ----
 
-TEST_F(SimulatorServiceTest, StopSignalsEndTheProcessCleanly) {
-  for (int stopSignal : {SIGTERM, SIGINT}) {
-    RuntimeSimulatorProcess simulator(bus.address());
-    simulator.process().signal(stopSignal);
-    EXPECT_EQ(simulator.waitForExit(), 0) << stopSignal << "\n" << simulator.process().errorOutput();
-  }
-}
-
-// Several clients at once, delays, a cancel and a request left waiting, then SIGTERM: the
-// process still ends with status 0 and says nothing, which a sanitizer's report would break.
+// Several clients at once, delays, a request never answered and two parked next-updates,
+// then SIGTERM: the process ends with status 0 and says nothing, and the callers left
+// waiting see it leave the bus.
 TEST_F(SimulatorServiceTest, ABusySessionEndsCleanly) {
-  RuntimeSimulatorProcess simulator(bus.address(), {"--faults", R"([
+  RuntimeSimulatorProcess busy(bus->address(), {"--bus-name", "org.example.Busy", "--faults", R"([
     {"requestType":"ComputerUseIPCListAppsRequest","delayMs":20},
     {"requestType":"ComputerUseIPCAppUsageRequest","neverAnswer":true}])"});
-  std::vector<std::thread> clients;
   std::atomic<int> failures{0};
+  std::vector<std::thread> clients;
   for (int client = 0; client < 4; ++client)
     clients.emplace_back([&, client] {
-      SimulatorControl control(bus.address(), busName);
-      const std::string click = R"({"app":"Notes","action":{"click":{"_0":{"elementIndex":)" + std::to_string(client + 1) +
-                                R"(,"clickCount":1,"mouseButton":0}}}})";
+      SimulatorControl connection(bus->address(), "org.example.Busy");
       for (int round = 0; round < 5; ++round)
-        for (const auto &[type, body] : {std::pair{ComputerUseIPCAppGetStateRequest::requestType, std::string(R"({"app":"Notes"})")},
-                                          std::pair{ComputerUseIPCAppPerformActionRequest::requestType, click},
-                                          std::pair{ComputerUseIPCListAppsRequest::requestType, std::string("{}")}}) {
-          const auto reply = control.send(type, body);
-          if (!reply || reply->errn)
+        for (const auto &[type, body] : {std::pair{getStateType, std::string(R"({"app":"Notes"})")},
+                                         std::pair{performType, clickBody("Notes", client + 1)},
+                                         std::pair{listAppsType, std::string("{}")}})
+          if (const auto reply = connection.send(type, body); !reply || reply->errn)
             ++failures;
-        }
     });
-  SimulatorControl control(bus.address(), busName);
-  std::thread waiting([&] {
-    SimulatorControl left(bus.address(), busName);
-    // Unanswered until the simulator goes: the caller sees its connection's end.
-    EXPECT_FALSE(left.send(ComputerUseIPCAppUsageRequest::requestType, "{}", "LEFT-1", 120s).has_value());
-  });
-  ASSERT_TRUE(control.awaitEvents(ComputerUseIPCAppUsageRequest::requestType, 1).has_value());
+  SimulatorControl left(bus->address(), "org.example.Busy");
+  const bool sent = left.sendWithoutWaiting(usageType, "{}", "LEFT-1").has_value();
   for (auto &client : clients)
     client.join();
+  ASSERT_TRUE(sent);
+  // Parked once the clicks are over, which would each have answered them.
+  startCapture(left, "left");
+  for (const char *callID : {"LEFT-2", "LEFT-3"})
+    ASSERT_TRUE(left.sendWithoutWaiting(nextType, nextBody("left", R"(,"timeoutMs":60000)"), callID));
+  ASSERT_TRUE(left.awaitEvents(usageType, 1).has_value());
+  ASSERT_TRUE(left.awaitEvents(waiting, 2).has_value());
   EXPECT_EQ(failures.load(), 0);
-  EXPECT_EQ(simulator.stop(), 0);
-  waiting.join();
-  EXPECT_EQ(simulator.process().errorOutput(), "");
+  EXPECT_EQ(busy.stop(), 0);
+  EXPECT_EQ(busy.process().errorOutput(), "");
+  const auto replies = left.awaitReplies();
+  ASSERT_EQ(replies.size(), 3u);
+  for (const auto &reply : replies)
+    EXPECT_FALSE(reply.reply.has_value()) << reply.requestID;
 }
 
 TEST_F(SimulatorServiceTest, ALostBusEndsTheProcess) {
-  auto privateBus = std::make_unique<PrivateSessionBus>();
-  RuntimeSimulatorProcess simulator(privateBus->address());
-  privateBus.reset();
-  EXPECT_EQ(simulator.waitForExit(), 1);
-  EXPECT_TRUE(simulator.process().errorOutput().find("the bus connection was lost") != std::string::npos);
+  auto lost = std::make_unique<PrivateSessionBus>();
+  RuntimeSimulatorProcess orphan(lost->address());
+  lost.reset();
+  EXPECT_EQ(orphan.waitForExit(), 1);
+  EXPECT_NE(orphan.process().errorOutput().find("the bus connection was lost"), std::string::npos);
 }
 
 TEST_F(SimulatorServiceTest, BadOptionsPrintTheUsageAndExitWithStatus2) {
-  for (const char *option : {"--png-level=10", "--colour", "--faults=[{\"crash\":1}]"}) {
-    ChildProcess process({RuntimeSimulatorProcess::defaultExecutable(), option}, {{"DBUS_SESSION_BUS_ADDRESS", bus.address()}});
+  for (const char *option : {"--png-level=10", "--faults=[{\"crash\":1}]"}) {
+    ChildProcess process({RuntimeSimulatorProcess::defaultExecutable(), option},
+                         {{"DBUS_SESSION_BUS_ADDRESS", bus->address()}});
     EXPECT_EQ(process.wait(), 2) << option;
-    const std::string error = process.errorOutput();
-    EXPECT_NE(error.find("Usage: TavixComputerUseRuntimeSimulator"), std::string::npos) << option;
+    EXPECT_NE(process.errorOutput().find("Usage: TavixComputerUseRuntimeSimulator"), std::string::npos) << option;
     EXPECT_EQ(process.readRemainingOutput(), "") << option;
+  }
+}
+
+// ---- appshot captures ----
+
+// As many parked next-updates as the simulator has workers, from as many clients: each is
+// journalled with its clamped wait once parked, other requests are served meanwhile, and
+// one change answers them all. Parked again, they end by a cancel of their capture (whose
+// own reply leaves first), of the call, or by their deadline.
+TEST_F(SimulatorServiceTest, EightParkedNextUpdatesHoldBackNothingAndEachEnds) {
+  constexpr size_t clients = 8;
+  std::vector<std::unique_ptr<SimulatorControl>> waiters;
+  const auto park = [&](size_t client, const std::string &timeout, const std::string &callID) {
+    ASSERT_TRUE(waiters[client]->sendWithoutWaiting(nextType, nextBody("many-" + std::to_string(client), timeout), callID));
+  };
+  for (size_t client = 0; client < clients; ++client) {
+    waiters.push_back(std::make_unique<SimulatorControl>(bus->address(), busName));
+    startCapture(*waiters.back(), "many-" + std::to_string(client));
+  }
+  // Absent, the wait is 30 s; more than 60 s is clamped to 60 s; none answers at once.
+  EXPECT_EQ(updateType(waiters[0]->send(nextType, nextBody("many-0", R"(,"timeoutMs":-1)"))), "timeout");
+  for (size_t client = 0; client < clients; ++client)
+    park(client, client == 0 ? "" : R"(,"timeoutMs":60001)", "MANY-1-" + std::to_string(client));
+  std::map<std::string, std::pair<std::string, int64_t>> parked, expected;
+  const auto events = control.awaitEvents(waiting, clients).value();
+  for (const auto &event : events)
+    parked[event["requestID"]] = {event["captureRequestId"], event["timeoutMs"]};
+  for (size_t client = 0; client < clients; ++client)
+    expected["MANY-1-" + std::to_string(client)] = {"many-" + std::to_string(client), client == 0 ? 30000 : 60000};
+  EXPECT_EQ(parked, expected);
+  // Were the waits holding workers, these would queue behind them for a minute.
+  EXPECT_EQ(control.send(healthType, "{}", "HEALTH", 10s).value().errn, std::nullopt);
+  EXPECT_FALSE(replyJSON(control.send(startType, idBody("ninth"), "NINTH", 10s)).contains("error"));
+  ASSERT_TRUE(control.send(performType, clickBody("Notes", 1), "CHANGE", 10s));
+  for (auto &waiter : waiters) {
+    const auto replies = waiter->awaitReplies();
+    ASSERT_EQ(replies.size(), 1u);
+    EXPECT_EQ(updateType(replies[0].reply), "frame");
+    EXPECT_TRUE(replyJSON(replies[0].reply)["update"].contains("screenshotDataURL"));
+  }
+  // The last waits 300 ms, short enough to pass, and a busy machine may look only after it
+  // has: it is not awaited.
+  for (size_t client = 0; client < clients; ++client)
+    park(client, client + 1 < clients ? R"(,"timeoutMs":60000)" : R"(,"timeoutMs":300)", "MANY-2-" + std::to_string(client));
+  awaitWaiting(2 * clients - 1);
+  for (size_t client = 0; client < 5; ++client)
+    EXPECT_EQ(control.send(cancelCaptureType, idBody("many-" + std::to_string(client)), "", 10s).value().bytes, "{}");
+  EXPECT_EQ(control.send(cancelType, R"({"requestID":"MANY-2-5"})", "", 10s).value().bytes, "{}");
+  ASSERT_TRUE(waiters[6]->sendWithoutWaiting(cancelCaptureType, idBody("many-6"), "CANCEL-6"));
+  std::vector<std::string> ends;
+  for (auto &waiter : waiters)
+    for (const auto &[callID, reply] : waiter->awaitReplies())
+      ends.push_back(callID + " " + (!reply ? reply.error().name : reply->errn ? reply->errs.value_or("") : updateType(reply)));
+  EXPECT_EQ(ends, (std::vector<std::string>{"MANY-2-0 cancelled", "MANY-2-1 cancelled", "MANY-2-2 cancelled",
+                                            "MANY-2-3 cancelled", "MANY-2-4 cancelled", "MANY-2-5 Request cancelled",
+                                            "CANCEL-6 {}", "MANY-2-6 cancelled", "MANY-2-7 timeout"}));
+  for (const char *id : {"many-5", "many-7", "ninth"})
+    ASSERT_TRUE(control.send(cancelCaptureType, idBody(id)));
+}
+
+TEST_F(SimulatorServiceTest, UnknownCapturesAndMalformedNextUpdatesAreRuntimeErrors) {
+  startCapture(control, "ended");
+  ASSERT_EQ(control.send(cancelCaptureType, idBody("ended")).value().bytes, "{}");
+  const std::string invalid = "Invalid ComputerUseIPCAppNextCaptureUpdateRequest: ";
+  const std::tuple<std::string, int32_t, std::string> rows[] = {
+      {nextBody("ghost"), -1728, "No capture is running with requestId \"ghost\""},
+      {nextBody("ended", R"(,"timeoutMs":60000)"), -1728, "No capture is running with requestId \"ended\""},
+      {"{", -50, invalid + "the body is not JSON"},
+      {nextBody("ended", R"(,"timeoutMs":1.5)"), -50, invalid + "Expected an integer in range for \"timeoutMs\""},
+  };
+  for (const auto &[body, errn, errs] : rows) {
+    const auto reply = control.send(nextType, body);
+    EXPECT_EQ(reply.value().errn, errn) << body;
+    EXPECT_EQ(reply->errs, errs) << body;
   }
 }
 
