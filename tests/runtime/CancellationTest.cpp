@@ -15,12 +15,12 @@ using runtime::Cancellation;
 TEST(Cancellation, AWaitRunsItsCourseUnlessCancelled) {
   Cancellation quiet;
   EXPECT_TRUE(quiet.waitFor(std::chrono::milliseconds(1)));
+  EXPECT_FALSE(quiet.isCancelled());
+  // Woken from another thread: a wait of ten minutes that returns is a wait that was woken.
   Cancellation cancelled;
-  const auto start = std::chrono::steady_clock::now();
   std::thread canceller([&] { cancelled.cancel(); });
   EXPECT_FALSE(cancelled.waitFor(std::chrono::minutes(10)));
   canceller.join();
-  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::minutes(1));
   EXPECT_TRUE(cancelled.isCancelled());
   EXPECT_FALSE(cancelled.waitFor(std::chrono::minutes(10))) << "a cancelled wait returns at once";
 }

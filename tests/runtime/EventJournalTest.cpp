@@ -26,78 +26,50 @@ SendCall call(std::string type, std::string body, SendCall::Payload payload = Se
 
 nlohmann::json json(std::string_view text) { return parseJSON(text).value(); }
 
-// A JSON string value whose whole text is `size` bytes.
-std::string jsonTextOfSize(size_t size) { return "\"" + std::string(size - 2, 'x') + "\""; }
-
-TEST(EventJournal, AnEntryDescribesTheCall) {
-  EventJournal journal;
-  journal.record(call("ComputerUseIPCHealthRequest", R"({"refreshClientActivity":true})"));
-  EXPECT_EQ(journal.entries("*"), json(R"([{"requestType":"ComputerUseIPCHealthRequest",
-      "requestID":"ID-1","clientVersion":"1.0","payload":"inline","bodyBytes":30,
-      "body":{"refreshClientActivity":true}}])"));
-}
-
-TEST(EventJournal, MissingPartsAreNullAndAnotherEventIsNamed) {
-  EventJournal journal;
+TEST(EventJournal, AnEntryDescribesTheCallAndKeepsABodyOfUpTo64KiB) {
   SendCall bare;
   bare.eventClass = "aevt";
   bare.eventID = "odoc";
-  journal.record(bare);
-  EXPECT_EQ(journal.entries("*"), json(R"([{"requestType":null,"requestID":null,
-      "clientVersion":null,"payload":"none","bodyBytes":0,"eventClass":"aevt","eventID":"odoc"}])"));
-}
-
-TEST(EventJournal, TheBodyIsKeptUpTo64KiB) {
-  EventJournal journal;
-  journal.record(call("T", jsonTextOfSize(65536), SendCall::Payload::memfd));
-  journal.record(call("T", jsonTextOfSize(65537), SendCall::Payload::memfd));
-  journal.record(call("T", "not json"));
-  const auto entries = journal.entries("T");
-  ASSERT_EQ(entries.size(), 3u);
-  EXPECT_EQ(entries[0]["bodyBytes"], 65536);
-  EXPECT_EQ(entries[0]["payload"], "memfd");
-  EXPECT_EQ(entries[0]["body"].get<std::string>().size(), 65534u);
-  EXPECT_EQ(entries[1]["bodyBytes"], 65537);
-  EXPECT_FALSE(entries[1].contains("body"));
-  EXPECT_FALSE(entries[2].contains("body"));
-}
-
-TEST(EventJournal, CountsAndListsByType) {
-  EventJournal journal;
-  for (const char *type : {"A", "B", "A"})
-    journal.record(call(type, "{}"));
-  EXPECT_EQ(journal.count("A"), 2u);
-  EXPECT_EQ(journal.count("B"), 1u);
-  EXPECT_EQ(journal.count("C"), 0u);
-  EXPECT_EQ(journal.count("*"), 3u);
-  EXPECT_EQ(journal.entries("B").size(), 1u);
-  journal.clear();
-  EXPECT_EQ(journal.count("*"), 0u);
-  EXPECT_EQ(journal.entries("*"), nlohmann::json::array());
-}
-
-TEST(EventJournal, OwnEventsAreSelectedByTheirNameAndNeverByARequestType) {
-  EventJournal journal;
-  journal.record(call("ComputerUseIPCAppNextCaptureUpdateRequest", R"({"requestId":"C"})"));
-  journal.recordEvent(EventJournal::captureUpdateWaiting,
-                      {{"requestID", "ID-1"}, {"captureRequestId", "C"}, {"timeoutMs", 30000}});
-  journal.record(call("ComputerUseIPCHealthRequest", "{}"));
-  EXPECT_EQ(journal.entries("captureUpdateWaiting"),
-            json(R"([{"event":"captureUpdateWaiting","requestID":"ID-1","captureRequestId":"C","timeoutMs":30000}])"));
-  const std::pair<const char *, size_t> rows[] = {
-      {"captureUpdateWaiting", 1},
-      {"ComputerUseIPCAppNextCaptureUpdateRequest", 1},
-      {"ComputerUseIPCHealthRequest", 1},
-      {"*", 3},
-      {"event", 0},
-      {"C", 0},
+  // JSON strings whose whole text is 64 KiB, and a byte more.
+  const std::string fits = "\"" + std::string(65534, 'x') + "\"", over = "\"" + std::string(65535, 'x') + "\"";
+  const std::string head = R"({"requestType":"T","requestID":"ID-1","clientVersion":"1.0",)";
+  const std::pair<SendCall, std::string> rows[] = {
+      {call("ComputerUseIPCHealthRequest", R"({"refreshClientActivity":true})"),
+       R"({"requestType":"ComputerUseIPCHealthRequest","requestID":"ID-1","clientVersion":"1.0","payload":"inline",
+           "bodyBytes":30,"body":{"refreshClientActivity":true}})"},
+      // Missing parts are null, and another event than a Send is named.
+      {bare, R"({"requestType":null,"requestID":null,"clientVersion":null,"payload":"none","bodyBytes":0,
+                 "eventClass":"aevt","eventID":"odoc"})"},
+      {call("T", fits, SendCall::Payload::memfd), head + R"("payload":"memfd","bodyBytes":65536,"body":)" + fits + "}"},
+      {call("T", over, SendCall::Payload::memfd), head + R"("payload":"memfd","bodyBytes":65537})"},
+      {call("T", "not json"), head + R"("payload":"inline","bodyBytes":8})"},
   };
+  for (const auto &[sent, entry] : rows) {
+    EventJournal journal;
+    journal.record(sent);
+    EXPECT_EQ(journal.entries("*"), json("[" + entry + "]")) << entry.substr(0, 200);
+  }
+}
+
+TEST(EventJournal, SelectsByRequestTypeOrEventNameInOrder) {
+  EventJournal journal;
+  journal.record(call("A", "{}"));
+  journal.recordEvent(EventJournal::captureUpdateWaiting, {{"requestID", "ID-1"}, {"captureRequestId", "A"}, {"timeoutMs", 30000}});
+  journal.record(call("B", "{}"));
+  journal.record(call("A", "{}"));
+  EXPECT_EQ(journal.entries("captureUpdateWaiting"),
+            json(R"([{"event":"captureUpdateWaiting","requestID":"ID-1","captureRequestId":"A","timeoutMs":30000}])"));
+  EXPECT_EQ(journal.entries("*")[1]["event"], "captureUpdateWaiting");
+  // An event is never selected by a field other than its name.
+  const std::pair<const char *, size_t> rows[] = {{"A", 2}, {"B", 1}, {"captureUpdateWaiting", 1}, {"*", 4},
+                                                  {"event", 0}, {"ID-1", 0}, {"C", 0}};
   for (const auto &[type, count] : rows) {
     EXPECT_EQ(journal.count(type), count) << type;
     EXPECT_EQ(journal.entries(type).size(), count) << type;
   }
-  // In the order they happened.
-  EXPECT_EQ(journal.entries("*")[1]["event"], "captureUpdateWaiting");
+  journal.clear();
+  EXPECT_EQ(journal.count("*"), 0u);
+  EXPECT_EQ(journal.entries("*"), nlohmann::json::array());
 }
 
 } // namespace

@@ -45,29 +45,32 @@ TEST(FaultScript, EachRuleBecomesItsFault) {
 }
 
 TEST(FaultScript, RefusesWhatIsNotARule) {
+  const std::string notRules = "Fault rules must be a JSON array of objects", rule = "Fault rule 1: ";
+  const std::string times = rule + "\"times\" must be an integer from 1 to 1000000",
+                    delay = rule + "\"delayMs\" must be an integer from 0 to 600000",
+                    errn = rule + "\"errn\" must be an integer from -2147483648 to 2147483647",
+                    oneEffect = rule + "choose one of errn, dbusError, noDirectObject, neverAnswer and crash";
   const std::pair<std::string, std::string> rows[] = {
-      {"", "Fault rules must be a JSON array of objects"},
-      {"{}", "Fault rules must be a JSON array of objects"},
-      {"[1]", "Fault rule 1: must be an object"},
+      {"", notRules},
+      {"{}", notRules},
+      {"[1]", rule + "must be an object"},
       {R"([{},{"when":1}])", "Fault rule 2: unknown key \"when\""},
-      {R"([{"times":0}])", "Fault rule 1: \"times\" must be an integer from 1 to 1000000"},
-      {R"([{"times":1000001}])", "Fault rule 1: \"times\" must be an integer from 1 to 1000000"},
-      {R"([{"times":1.5}])", "Fault rule 1: \"times\" must be an integer from 1 to 1000000"},
-      {R"([{"delayMs":-1}])", "Fault rule 1: \"delayMs\" must be an integer from 0 to 600000"},
-      {R"([{"delayMs":600001}])", "Fault rule 1: \"delayMs\" must be an integer from 0 to 600000"},
-      {R"([{"errn":2147483648}])", "Fault rule 1: \"errn\" must be an integer from -2147483648 to 2147483647"},
-      {R"([{"errn":-2147483649}])", "Fault rule 1: \"errn\" must be an integer from -2147483648 to 2147483647"},
-      {R"([{"errn":0}])", "Fault rule 1: \"errn\" must not be 0, which means success"},
-      {R"([{"errn":"1"}])", "Fault rule 1: \"errn\" must be an integer from -2147483648 to 2147483647"},
-      {R"([{"errs":"x"}])", "Fault rule 1: \"errs\" needs \"errn\" or \"dbusError\""},
-      {R"([{"crash":1}])", "Fault rule 1: \"crash\" must be true or false"},
-      {R"([{"requestType":7}])", "Fault rule 1: \"requestType\" must be a string"},
-      {R"([{"requestType":""}])", "Fault rule 1: \"requestType\" must name a request type or be \"*\""},
-      {R"([{"errn":1,"crash":true}])",
-       "Fault rule 1: choose one of errn, dbusError, noDirectObject, neverAnswer and crash"},
-      {R"([{"neverAnswer":true,"noDirectObject":true}])",
-       "Fault rule 1: choose one of errn, dbusError, noDirectObject, neverAnswer and crash"},
-      {R"([{"dbusError":"AccessDenied"}])", "Fault rule 1: \"dbusError\" is not a D-Bus error name: \"AccessDenied\""},
+      {R"([{"times":0}])", times},
+      {R"([{"times":1000001}])", times},
+      {R"([{"times":1.5}])", times},
+      {R"([{"delayMs":-1}])", delay},
+      {R"([{"delayMs":600001}])", delay},
+      {R"([{"errn":2147483648}])", errn},
+      {R"([{"errn":-2147483649}])", errn},
+      {R"([{"errn":"1"}])", errn},
+      {R"([{"errn":0}])", rule + "\"errn\" must not be 0, which means success"},
+      {R"([{"errs":"x"}])", rule + "\"errs\" needs \"errn\" or \"dbusError\""},
+      {R"([{"crash":1}])", rule + "\"crash\" must be true or false"},
+      {R"([{"requestType":7}])", rule + "\"requestType\" must be a string"},
+      {R"([{"requestType":""}])", rule + "\"requestType\" must name a request type or be \"*\""},
+      {R"([{"errn":1,"crash":true}])", oneEffect},
+      {R"([{"neverAnswer":true,"noDirectObject":true}])", oneEffect},
+      {R"([{"dbusError":"AccessDenied"}])", rule + "\"dbusError\" is not a D-Bus error name: \"AccessDenied\""},
   };
   for (const auto &[json, message] : rows) {
     const auto script = FaultScript::parse(json);
@@ -111,6 +114,7 @@ TEST(FaultScript, AnyTypeSparesTheCancelButANamedRuleCatchesIt) {
 }
 
 TEST(FaultScript, BusErrorNames) {
+  // Up to 255 characters.
   const std::pair<std::string, bool> rows[] = {
       {"org.freedesktop.DBus.Error.AccessDenied", true}, {"a.b", true}, {"_x.y_2", true}, {"a-b.c", false},
       {"a", false}, {"a..b", false}, {".a.b", false}, {"a.b.", false}, {"a.2b", false}, {"", false},
