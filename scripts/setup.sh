@@ -6,7 +6,7 @@ here=$(cd "$(dirname "$0")/.." && pwd)
 
 packages=(
   build-essential cmake ninja-build pkg-config clang clang-14 libclang-rt-14-dev
-  nlohmann-json3-dev libsimdjson-dev libexpected-dev libsystemd-dev libplist-dev uuid-dev zlib1g-dev
+  nlohmann-json3-dev libsimdjson-dev libexpected-dev libsystemd-dev libplist-dev uuid-dev zlib1g-dev libpng-dev
   libgtest-dev libgmock-dev googletest libbenchmark-dev
   dbus-daemon nodejs npm util-linux
 )

@@ -1,7 +1,8 @@
 # The runtime simulator's tests, in the one test binary, and the helpers that start a
 # private session bus and the simulator for any test that needs a runtime on the bus.
+# libpng reads back the simulator's PNGs independently of its encoder.
 
-find_package(ZLIB REQUIRED)
+pkg_check_modules(LIBPNG REQUIRED IMPORTED_TARGET libpng)
 
 target_sources(tavix_tests PRIVATE
   ${CMAKE_CURRENT_LIST_DIR}/Base64EncoderTest.cpp
@@ -21,5 +22,5 @@ target_sources(tavix_tests PRIVATE
   ${CMAKE_CURRENT_LIST_DIR}/../testing/PrivateSessionBus.cpp
   ${CMAKE_CURRENT_LIST_DIR}/../testing/RuntimeSimulatorProcess.cpp
   ${CMAKE_CURRENT_LIST_DIR}/../testing/SimulatorControl.cpp)
-target_link_libraries(tavix_tests PRIVATE tavix_runtime ZLIB::ZLIB PkgConfig::SYSTEMD)
+target_link_libraries(tavix_tests PRIVATE tavix_runtime PkgConfig::LIBPNG PkgConfig::SYSTEMD)
 add_dependencies(tavix_tests TavixComputerUseRuntimeSimulator)
