@@ -61,7 +61,8 @@ TEST_F(RequestRouterTest, EveryRequestTypeAnswersItsResponse) {
       row<ComputerUseIPCEventStreamStatusRequest>("{}"),
       row<ComputerUseIPCEventStreamStopRequest>(R"({"reason":"toolStopped"})"),
       row<ComputerUseIPCCancelRequest>(R"({"requestID":"ABC"})", is("{}")),
-      // Files, as it names it; the largest window id refused by the desktop, not the record.
+      // Files, as it names it; the largest window id refused by the desktop, not the record
+      // (which refuses the next, as it refuses what is not a request of its type).
       row<ComputerUseIPCAppStartFrontmostCaptureRequest>(R"({"requestId":"R1","bundleIdentifier":"com.tavix.sim.files"})",
           [](const std::string &bytes) { return parseJSON(bytes).value()["target"]["bundleIdentifier"] == "com.tavix.sim.files"; }),
       row<ComputerUseIPCAppStartFrontmostCaptureRequest>(R"({"requestId":"R2","windowID":4294967295})",
@@ -90,31 +91,16 @@ TEST_F(RequestRouterTest, EveryRequestTypeAnswersItsResponse) {
   EXPECT_FALSE(desktop.takeCaptureUpdate("R1").has_value()) << "the capture was cancelled";
 }
 
+// What a body may hold is the records' own affair; here, that a refusal names the type.
 TEST_F(RequestRouterTest, RefusalsNameTheTypeAndTheProblem) {
-  const std::string start = "Invalid ComputerUseIPCAppStartFrontmostCaptureRequest: ";
   const std::tuple<std::string, std::string, RuntimeError> rows[] = {
       {"ComputerUseIPCTeleportRequest", "{}", {1, "Unknown request type: ComputerUseIPCTeleportRequest"}},
-      {"", "{}", {1, "Unknown request type: "}},
       {"computeruseipchealthrequest", "{}", {1, "Unknown request type: computeruseipchealthrequest"}},
       {"ComputerUseIPCHealthRequest", "{", {-50, "Invalid ComputerUseIPCHealthRequest: the body is not JSON"}},
       {"ComputerUseIPCHealthRequest", "", {-50, "Invalid ComputerUseIPCHealthRequest: the body is not JSON"}},
-      {"ComputerUseIPCHealthRequest", "[]",
-       {-50, "Invalid ComputerUseIPCHealthRequest: Expected an object for ComputerUseIPCHealthRequest"}},
       {"ComputerUseIPCAppGetStateRequest", "{}", {-50, "Invalid ComputerUseIPCAppGetStateRequest: Missing required key \"app\""}},
-      {"ComputerUseIPCAppGetStateRequest", R"({"app":"Notes","observation":"video"})",
-       {-50, "Invalid ComputerUseIPCAppGetStateRequest: Unknown value for \"observation\""}},
-      {"ComputerUseIPCAppPerformActionRequest", R"({"app":"Notes","action":{"fly":{"_0":{}}}})",
-       {-50, "Invalid ComputerUseIPCAppPerformActionRequest: Invalid number of keys found, expected one."}},
+      // The cancel has a route of its own.
       {"ComputerUseIPCCancelRequest", "{}", {-50, "Invalid ComputerUseIPCCancelRequest: Missing required key \"requestID\""}},
-      // A window id is 32 bits.
-      {"ComputerUseIPCAppStartFrontmostCaptureRequest", R"({"requestId":"D","windowID":4294967296})",
-       {-50, start + "Expected an integer in range for \"windowID\""}},
-      {"ComputerUseIPCAppStartFrontmostCaptureRequest", R"({"requestId":"D","windowID":-1})",
-       {-50, start + "Expected an integer in range for \"windowID\""}},
-      {"ComputerUseIPCAppNextCaptureUpdateRequest", R"({"timeoutMs":0})",
-       {-50, "Invalid ComputerUseIPCAppNextCaptureUpdateRequest: Missing required key \"requestId\""}},
-      {"ComputerUseIPCAppCancelCaptureRequest", "{}",
-       {-50, "Invalid ComputerUseIPCAppCancelCaptureRequest: Missing required key \"requestId\""}},
       // The desktop's own errors pass through.
       {"ComputerUseIPCEventStreamStartRequest", R"({"maxDurationSeconds":0})",
        {-50, "maxDurationSeconds must be from 1 to 3600, not 0"}},

@@ -66,7 +66,6 @@ TEST(SimulatorOptions, RefusedValues) {
       {{"--bus-name", ":1.5"}, busName(":1.5")},
       {{"--bus-name", "a.1b"}, busName("a.1b")},
       {{"--bus-name", tooLong}, busName(tooLong)},
-      {{"--faults", "[{\"times\":0}]"}, "--faults: Fault rule 1: \"times\" must be an integer from 1 to 1000000"},
       {{"--faults", "nonsense"}, "--faults: Fault rules must be a JSON array of objects"},
       {{"--colour", "red"}, "Unknown option --colour"},
       {{"--png-level"}, "Option --png-level needs a value"},

@@ -497,15 +497,11 @@ TEST_F(SimulatorServiceTest, EightParkedNextUpdatesHoldBackNothingAndEachEnds) {
     ASSERT_TRUE(control.send(cancelCaptureType, idBody(id)));
 }
 
+// A next-update the service reads itself, before any look: its refusals are runtime errors.
 TEST_F(SimulatorServiceTest, UnknownCapturesAndMalformedNextUpdatesAreRuntimeErrors) {
-  startCapture(control, "ended");
-  ASSERT_EQ(control.send(cancelCaptureType, idBody("ended")).value().bytes, "{}");
-  const std::string invalid = "Invalid ComputerUseIPCAppNextCaptureUpdateRequest: ";
   const std::tuple<std::string, int32_t, std::string> rows[] = {
-      {nextBody("ghost"), -1728, "No capture is running with requestId \"ghost\""},
-      {nextBody("ended", R"(,"timeoutMs":60000)"), -1728, "No capture is running with requestId \"ended\""},
-      {"{", -50, invalid + "the body is not JSON"},
-      {nextBody("ended", R"(,"timeoutMs":1.5)"), -50, invalid + "Expected an integer in range for \"timeoutMs\""},
+      {nextBody("ghost", R"(,"timeoutMs":60000)"), -1728, "No capture is running with requestId \"ghost\""},
+      {"{", -50, "Invalid ComputerUseIPCAppNextCaptureUpdateRequest: the body is not JSON"},
   };
   for (const auto &[body, errn, errs] : rows) {
     const auto reply = control.send(nextType, body);
