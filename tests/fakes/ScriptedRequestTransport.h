@@ -34,34 +34,18 @@ public:
 
   // Answers requests of `requestType` with `replies` in order; the last one repeats.
   void script(const std::string &requestType, std::vector<Reply> replies) {
-    std::lock_guard guard(lock_);
-    scripts_[requestType] = std::deque<Reply>(replies.begin(), replies.end());
+    locked([&] { scripts_[requestType] = std::deque<Reply>(replies.begin(), replies.end()); });
   }
   // Answers every unscripted type.
-  void scriptDefault(Reply reply) {
-    std::lock_guard guard(lock_);
-    defaultReply_ = std::move(reply);
-  }
+  void scriptDefault(Reply reply) { locked([&] { defaultReply_ = std::move(reply); }); }
   // A connection counts as established as set here, or, once asked to, after the first
   // answered send, as a real transport's does when it selects a runtime app.
-  void setEstablished(bool established) {
-    std::lock_guard guard(lock_);
-    established_ = established;
-  }
-  void establishOnReply(bool establish) {
-    std::lock_guard guard(lock_);
-    establishOnReply_ = establish;
-  }
-  // While held, sends wait (after being recorded) until released or cancelled.
-  void hold() {
-    std::lock_guard guard(lock_);
-    held_ = true;
-  }
-  // Holds only the sends of one request type.
-  void holdType(std::string requestType) {
-    std::lock_guard guard(lock_);
-    heldTypes_.insert(std::move(requestType));
-  }
+  void setEstablished(bool established) { locked([&] { established_ = established; }); }
+  void establishOnReply(bool establish) { locked([&] { establishOnReply_ = establish; }); }
+  // While held, sends wait (after being recorded) until released or cancelled; `holdType`
+  // holds only the sends of one request type.
+  void hold() { locked([&] { held_ = true; }); }
+  void holdType(std::string type) { locked([&] { heldTypes_.insert(std::move(type)); }); }
   void release() {
     std::lock_guard guard(lock_);
     held_ = false;
@@ -78,15 +62,21 @@ public:
   ClientResult<std::string> send(std::string_view requestType, std::string requestData,
                                  std::optional<double> timeoutSeconds) override {
     const auto context = RequestContext::current();
+    const std::string type(requestType);
     std::unique_lock guard(lock_);
-    sent_.push_back({std::string(requestType), std::move(requestData), timeoutSeconds, context->correlationID(),
+    sent_.push_back({type, std::move(requestData), timeoutSeconds, context->correlationID(),
                      context->sessionID(), std::this_thread::get_id()});
     changed_.notify_all();
-    changed_.wait(guard, context->cancellation(),
-                  [&] { return !held_ && !heldTypes_.contains(std::string(requestType)); });
+    const auto released = [&] { return !held_ && !heldTypes_.contains(type); };
+    changed_.wait(guard, context->cancellation(), released);
     if (context->isCancelled())
       return tl::unexpected(ClientFailure(CancellationError{}));
-    Reply reply = nextReply(std::string(requestType));
+    Reply reply = defaultReply_;
+    if (auto found = scripts_.find(type); found != scripts_.end() && !found->second.empty()) {
+      reply = found->second.front();
+      if (found->second.size() > 1)
+        found->second.pop_front();
+    }
     if (reply && establishOnReply_)
       established_ = true;
     return reply;
@@ -110,14 +100,9 @@ public:
   }
 
 private:
-  Reply nextReply(const std::string &requestType) {
-    const auto found = scripts_.find(requestType);
-    if (found == scripts_.end() || found->second.empty())
-      return defaultReply_;
-    Reply reply = found->second.front();
-    if (found->second.size() > 1)
-      found->second.pop_front();
-    return reply;
+  template <typename Change> void locked(Change change) {
+    std::lock_guard guard(lock_);
+    change();
   }
 
   mutable std::mutex lock_;

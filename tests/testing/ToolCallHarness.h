@@ -15,64 +15,52 @@
 #include <mutex>
 #include <optional>
 #include <string>
-#include <vector>
 
 namespace tavix::test {
 
 class ToolCallHarness {
 public:
-  explicit ToolCallHarness(MCPServerMode mode = MCPServerMode::computerUse,
-                           std::filesystem::path userInstructions = {},
+  explicit ToolCallHarness(MCPServerMode mode = MCPServerMode::computerUse, std::filesystem::path userInstructions = {},
                            ComputerUseMCPServer::Options options = {})
       : runtime_(new ScriptedRequestTransport()),
         client_(std::make_shared<ComputerUseClient>(std::unique_ptr<ComputerUseRequestTransport>(runtime_))),
-        gateway_(std::make_shared<MCPToolGateway>(
-            mode, client_, AppInstructionProvider(std::move(userInstructions)),
-            [this](const char *name) -> std::optional<std::string> {
-              std::lock_guard guard(environmentLock_);
-              const auto found = environment_.find(name);
-              if (found == environment_.end())
-                return std::nullopt;
-              return found->second;
-            })),
-        server_(mode, gateway_, client_, std::move(options)),
+        server_(mode,
+                std::make_shared<MCPToolGateway>(mode, client_, AppInstructionProvider(std::move(userInstructions)),
+                                                 [this](const char *name) { return environment(name); }),
+                client_, std::move(options)),
         toolsCall_(server_.methods().at("tools/call")) {}
 
   ScriptedRequestTransport &runtime() { return *runtime_; }
   ComputerUseMCPServer &server() { return server_; }
-  MCPToolGateway &gateway() { return *gateway_; }
+  // What the gateway reads for an environment variable; none unless set here.
   void setEnvironment(const std::string &name, std::optional<std::string> value) {
     std::lock_guard guard(environmentLock_);
-    if (value)
-      environment_[name] = *value;
-    else
-      environment_.erase(name);
+    environment_[name] = std::move(value);
   }
 
   // Runs one "tools/call" on the calling thread and returns its answer, or nothing for a
   // notification (`id` absent).
   std::optional<std::string> call(const nlohmann::json &params, std::optional<JSONRPCId> id = JSONRPCId(1)) {
     FakeMessageTransport output;
-    const auto channel = std::make_shared<JSONRPCResponseChannel>(output);
     const JSONRPCRequest request{"2.0", id, "tools/call", params};
-    toolsCall_(request, JSONRPCReply(id, "tools/call", channel));
+    toolsCall_(request, JSONRPCReply(id, "tools/call", std::make_shared<JSONRPCResponseChannel>(output)));
     auto sent = output.takeSent();
-    if (sent.empty())
-      return std::nullopt;
-    return sent.at(0);
+    return sent.empty() ? std::nullopt : std::optional<std::string>(sent.at(0));
   }
   // The "result" object of the answer to a call with id 1.
-  nlohmann::json result(const nlohmann::json &params) {
-    const auto answer = call(params);
-    return answer ? nlohmann::json::parse(*answer).at("result") : nlohmann::json();
-  }
+  nlohmann::json result(const nlohmann::json &params) { return nlohmann::json::parse(*call(params)).at("result"); }
 
 private:
+  std::optional<std::string> environment(const char *name) {
+    std::lock_guard guard(environmentLock_);
+    const auto found = environment_.find(name);
+    return found == environment_.end() ? std::nullopt : found->second;
+  }
+
   ScriptedRequestTransport *runtime_; // owned by the client
   std::mutex environmentLock_;
-  std::map<std::string, std::string, std::less<>> environment_;
+  std::map<std::string, std::optional<std::string>, std::less<>> environment_;
   std::shared_ptr<ComputerUseClient> client_;
-  std::shared_ptr<MCPToolGateway> gateway_;
   ComputerUseMCPServer server_;
   JSONRPCDispatcher::Handler toolsCall_;
 };
