@@ -1,78 +1,94 @@
-// Which advice an app gets, from where, and that it reaches the model once per app, in
-// front of the app's state; and the general guide once per session.
+// What the model reads besides results: the tool catalogue of each mode byte for byte, the
+// advice texts naming only what the catalogue has, and which advice an app gets: the file
+// named by the app's identifier or name however the model wrote it, and the user's own.
 
 #include "gateway/AppInstructionProvider.h"
 #include "gateway/AppQueryResolution.h"
 #include "gateway/BuiltInInstructions.h"
-#include "gateway/InstructionDeliveryState.h"
+#include "gateway/ToolCatalogue.h"
+#include "TestPaths.h"
 
 #include "testing/TemporaryDirectory.h"
-#include "testing/ToolCallHarness.h"
 
 #include <gtest/gtest.h>
 
+#include <fstream>
+#include <regex>
+#include <set>
 #include <sys/stat.h>
-#include <thread>
 
 namespace tavix::test {
 namespace {
 
 using nlohmann::json;
 
-TEST(AppInstructionProvider, ChoosesTheFileByBundleIdentifierThenNameThenContainment) {
-  const struct {
-    std::optional<std::string_view> bundleIdentifier;
-    std::string_view name;
-    std::optional<std::string_view> baseName;
-  } cases[] = {
-      {"com.apple.clock", "", "Clock"},
-      {"com.apple.Music", "", "AppleMusic"},
-      {"COM.MICROSOFT.EXCEL", "", "Excel"},
-      {"com.apple.iWork.Numbers", "", "Numbers"},
-      {"notion.id", "", "Notion"},
-      {"com.spotify.client", "", "Spotify"},
-      {"com.apple.ScreenContinuity", "", "iPhone Mirroring"},
-      {"com.exafunction.windsurf", "", "VSCodeLikeIDE"},
-      {"com.google.antigravity", "", "VSCodeLikeIDE"},
-      {"com.microsoft.VSCode", "", "VSCodeLikeIDE"},
-      {"com.microsoft.VSCodeInsiders", "", "VSCodeLikeIDE"},
-      {"com.tavix.app", "", "VSCodeLikeIDE"},
-      {"com.tavix.ide", "", "VSCodeLikeIDE"},
-      {"com.tavix.work", "", "VSCodeLikeIDE"},
-      {"com.todesktop.230313mzl4w4u92", "", "VSCodeLikeIDE"},
-      {"com.trae.app", "", "VSCodeLikeIDE"},
-      {"com.vscodium", "", "VSCodeLikeIDE"},
-      {"com.vscodium.extra", "", std::nullopt},
-      {"com.spotify.client", "Excel", "Spotify"}, // the identifier decides
-      {"com.example.unknown", "Cursor", "VSCodeLikeIDE"},
-      {std::nullopt, "applemusic", "AppleMusic"},
-      {std::nullopt, " Clock\n", "Clock"},
-      {std::nullopt, "EXCEL", "Excel"},
-      {std::nullopt, "Notion", "Notion"},
-      {std::nullopt, "numbers", "Numbers"},
-      {std::nullopt, "Spotify", "Spotify"},
-      {std::nullopt, "Antigravity", "VSCodeLikeIDE"},
-      {std::nullopt, "Cursor", "VSCodeLikeIDE"},
-      {std::nullopt, "Apple Music", "AppleMusic"},        // blanks removed
-      {std::nullopt, "Microsoft Excel", "Excel"},         // contained
-      {std::nullopt, "Google Antigravity", "VSCodeLikeIDE"},
-      {std::nullopt, "excel clock", "Clock"},             // the first entry that matches wins
-      {std::nullopt, "Notes", std::nullopt},
-      {std::nullopt, "Music", std::nullopt},
-      {std::nullopt, "", std::nullopt},
-  };
-  for (const auto &c : cases)
-    EXPECT_EQ(AppInstructionProvider::instructionFileBaseName(c.bundleIdentifier, c.name), c.baseName)
-        << c.bundleIdentifier.value_or("<none>") << " / " << c.name;
+constexpr std::pair<MCPServerMode, const char *> modes[] = {{MCPServerMode::computerUse, "computerUse"},
+                                                            {MCPServerMode::recordReplay, "recordReplay"}};
+
+TEST(ToolCatalogue, MatchesTheExpectedCatalogueToolByToolAndByteForByte) {
+  // Transcribed independently of the code, so that each checks the other's typos.
+  const json expected = json::parse(std::ifstream(TAVIX_TEST_DATA_DIR "/gateway/expected_tool_catalogue.json"));
+  for (const auto &[mode, key] : modes) {
+    ASSERT_EQ(toolDefinitions(mode).size(), expected.at(key).size()) << key;
+    for (size_t i = 0; i < expected.at(key).size(); ++i) // text also tells 1 from 1.0 and true from 1
+      EXPECT_EQ(toolDefinitions(mode)[i].dump(), expected.at(key)[i].dump())
+          << key << " " << i << ":\n" << json::diff(toolDefinitions(mode)[i], expected.at(key)[i]).dump(2);
+  }
 }
 
-TEST(AppQueryResolution, TheQueryAloneNamesTheApp) {
-  const struct {
-    std::string_view query;
-    ResolvedApp app;
-    std::string key;
-  } cases[] = {
-      {"Excel", {std::nullopt, "Excel"}, "Excel"},
+// Words a text presents as a tool, argument or value: anything in backticks that looks
+// like an identifier, and any word with an underscore.
+std::set<std::string> namedWords(const std::string &text) {
+  std::set<std::string> words;
+  static const std::regex named("`([a-z][a-z_]*)`|([A-Za-z0-9]+(_[A-Za-z0-9]+)+)");
+  for (std::sregex_iterator it(text.begin(), text.end(), named), end; it != end; ++it)
+    words.insert((*it)[1].matched ? (*it)[1] : (*it)[2]);
+  return words;
+}
+
+TEST(InstructionTexts, EachTextIsItsAppsAndNamesOnlyWhatTheCatalogueHas) {
+  // Every tool, argument and value name is a whole text in a catalogue; the scroll
+  // directions are left to the schema's description.
+  const std::string catalogues = toolDefinitions(modes[0].first).dump() + toolDefinitions(modes[1].first).dump();
+  const auto known = [&](const std::string &word) {
+    return catalogues.find('"' + word + '"') != std::string::npos || std::set<std::string>{"up", "down", "left", "right"}.contains(word);
+  };
+  EXPECT_EQ(namedWords("Use `click`, then `open_app` and take_screenshot."),
+            (std::set<std::string>{"click", "open_app", "take_screenshot"}));
+  EXPECT_TRUE(known("cursor_after") && known("max_duration_seconds") && !known("open_app") && !known("Scroll"));
+  const std::pair<std::string_view, std::string_view> headings[] = {
+      {"AppleMusic", "## Music Computer Use"}, {"Clock", "## Clock Computer Use"}, {"Excel", "## Excel Computer Use"},
+      {"Notion", "## Notion Computer Use"},    {"Numbers", "## Numbers Computer Use"},
+      {"Spotify", "## Spotify Computer Use"},  {"iPhone Mirroring", "### iPhone Mirroring Instructions"},
+      {"VSCodeLikeIDE", "## VS Code-like IDE Computer Use"}, {"", "# Computer Use"}};
+  EXPECT_EQ(builtInInstructionBaseNames().size(), std::size(headings) - 1);
+  for (const auto &[baseName, heading] : headings) {
+    const std::string text(baseName.empty() ? computerUseGuide() : builtInInstructions(baseName).value_or(""));
+    EXPECT_TRUE(text.starts_with(std::string(heading) + "\n")) << baseName << ": " << text.substr(0, 80);
+    EXPECT_EQ(text.find('\r'), std::string::npos) << baseName;
+    for (const auto &word : namedWords(text))
+      EXPECT_TRUE(known(word)) << baseName << " names what the catalogue lacks: " << word;
+  }
+}
+
+TEST(AppInstructionProvider, ChoosesTheFileByBundleIdentifierThenNameThenContainment) {
+  const std::tuple<std::optional<std::string_view>, std::string_view, std::optional<std::string_view>> cases[] = {
+      {"COM.MICROSOFT.EXCEL", "", "Excel"}, {"com.apple.ScreenContinuity", "", "iPhone Mirroring"},
+      {"com.vscodium", "", "VSCodeLikeIDE"}, {"com.vscodium.extra", "", std::nullopt},
+      {"com.spotify.client", "Excel", "Spotify"}, // the identifier decides
+      {"com.example.unknown", "Cursor", "VSCodeLikeIDE"}, {std::nullopt, " Clock\n", "Clock"},
+      {std::nullopt, "Apple Music", "AppleMusic"}, // blanks removed
+      {std::nullopt, "Microsoft Excel", "Excel"},  // contained
+      {std::nullopt, "excel clock", "Clock"},      // the first entry that matches wins
+      {std::nullopt, "Music", std::nullopt}, {std::nullopt, "", std::nullopt},
+  };
+  for (const auto &[bundleIdentifier, name, baseName] : cases)
+    EXPECT_EQ(AppInstructionProvider::instructionFileBaseName(bundleIdentifier, name), baseName)
+        << bundleIdentifier.value_or("<none>") << " / " << name;
+}
+
+TEST(AppQueryResolution, TheQueryAloneNamesTheAppAndItsAdviceOnce) {
+  const std::tuple<std::string_view, ResolvedApp, std::string> cases[] = {
       {" excel.APP\n", {std::nullopt, "excel"}, "Excel"},
       {"/Applications/Microsoft Excel.app", {std::nullopt, "Microsoft Excel"}, "Excel"},
       {"com.microsoft.excel", {"com.microsoft.excel", "com.microsoft.excel"}, "Excel"},
@@ -85,124 +101,31 @@ TEST(AppQueryResolution, TheQueryAloneNamesTheApp) {
       {"com.example.notes", {std::nullopt, "com.example.notes"}, "com.example.notes"},
       {".app", {std::nullopt, ""}, ""},
   };
-  for (const auto &c : cases) {
-    SCOPED_TRACE(c.query);
-    EXPECT_EQ(resolveAppQuery(c.query), c.app);
-    EXPECT_EQ(deliveryKey(c.app), c.key);
+  for (const auto &[query, app, key] : cases) {
+    EXPECT_EQ(resolveAppQuery(query), app) << query;
+    EXPECT_EQ(deliveryKey(app), key) << query;
   }
 }
 
-class UserInstructions : public ::testing::Test {
-protected:
-  void write(const std::string &name, const std::string &text) { writeFile(directory_.path() + "/" + name, text); }
-  AppInstructionProvider provider() const { return AppInstructionProvider(directory_.path()); }
-  TemporaryDirectory directory_;
-};
-
-TEST_F(UserInstructions, AreAddedAfterTheBuiltInTextTrimmed) {
-  const std::string excel(*builtInInstructions("Excel"));
-  write("Excel.md", "\n  Prefer formulas.\n\n");
-  write("Spotify.md", " \n\t\n \n");           // blank: ignored
-  write("Numbers.md", "bad \xff byte");         // not UTF-8: ignored
-  std::filesystem::create_directory(directory_.path() + "/Clock.md"); // not a file
-  ASSERT_EQ(::mkfifo((directory_.path() + "/Notion.md").c_str(), 0600), 0); // would block a reader
-  write("iPhone Mirroring.md", "Use the Home Screen.");
-  write("Notes.md", "Never delivered: no rule names this file.");
-  const auto p = provider();
-  EXPECT_EQ(p.instructions(std::nullopt, "Excel"), excel + "\n\nPrefer formulas.");
-  EXPECT_EQ(p.instructions(std::nullopt, "Spotify"), std::string(*builtInInstructions("Spotify")));
-  EXPECT_EQ(p.instructions(std::nullopt, "Numbers"), std::string(*builtInInstructions("Numbers")));
-  EXPECT_EQ(p.instructions(std::nullopt, "Clock"), std::string(*builtInInstructions("Clock")));
-  EXPECT_EQ(p.instructions(std::nullopt, "Notion"), std::string(*builtInInstructions("Notion")));
-  EXPECT_EQ(p.instructions("com.apple.screencontinuity", ""),
-            std::string(*builtInInstructions("iPhone Mirroring")) + "\n\nUse the Home Screen.");
-  EXPECT_EQ(p.instructions(std::nullopt, "Notes"), std::nullopt);
-  EXPECT_EQ(p.readUserInstruction("Excel"), "Prefer formulas.");
-  EXPECT_EQ(p.readUserInstruction("Spotify"), std::nullopt);
-  EXPECT_EQ(AppInstructionProvider({}).readUserInstruction("Excel"), std::nullopt);
-}
-
-TEST(InstructionDeliveryState, DeliversOncePerAppAndOncePerSession) {
-  AppInstructionDeliveryState apps;
-  EXPECT_TRUE(apps.deliverIfNeeded("com.microsoft.excel"));
-  EXPECT_FALSE(apps.deliverIfNeeded("com.microsoft.excel"));
-  apps.markDelivered("excel");
-  EXPECT_FALSE(apps.deliverIfNeeded("excel"));
-  EXPECT_TRUE(apps.deliverIfNeeded("cursor"));
-
-  ComputerUseInstructionDeliveryState sessions("GUIDE");
-  const ToolResult result = ToolResult::text("r");
-  const ToolResult guided{{ToolResultContent::text("GUIDE"), ToolResultContent::text("r")}, false, std::nullopt};
-  EXPECT_EQ(sessions.prependIfNeeded(result, std::nullopt), result);
-  EXPECT_EQ(sessions.prependIfNeeded(result, " \n"), result);
-  EXPECT_EQ(sessions.prependIfNeeded(result, " a\n"), guided);
-  EXPECT_EQ(sessions.prependIfNeeded(result, "a"), result);
-  EXPECT_EQ(sessions.prependIfNeeded(result, "b"), guided);
-}
-
-const std::string stateReply =
-    R"({"content":[{"type":"image","data":"AAAA"},{"type":"text","text":"<app_state>"},{"type":"text","text":"tree"}],"isError":false})";
-
-std::vector<std::string> texts(const json &result) {
-  std::vector<std::string> found;
-  for (const auto &item : result.at("content"))
-    found.push_back(item.value("text", "<" + item.value("type", "") + ">"));
-  return found;
-}
-
-std::string block(std::string_view baseName) {
-  return "<app_specific_instructions>\n" + std::string(*builtInInstructions(baseName)) + "\n</app_specific_instructions>";
-}
-
-json getAppState(ToolCallHarness &harness, const std::string &app) {
-  return harness.result({{"name", "get_app_state"}, {"arguments", {{"app", app}}}});
-}
-
-TEST(AppInstructionDelivery, TheFirstStateOfAnAppCarriesItsInstructionsBeforeTheState) {
-  ToolCallHarness harness;
-  harness.runtime().scriptDefault(stateReply);
-  EXPECT_EQ(texts(getAppState(harness, "Excel")),
-            (std::vector<std::string>{"<image>", block("Excel"), "<app_state>", "tree"}));
-  EXPECT_EQ(texts(getAppState(harness, "Excel")), (std::vector<std::string>{"<image>", "<app_state>", "tree"}));
-  // However the app is named, its advice comes once.
-  for (const char *excel : {"excel.app", "Microsoft Excel", "/Applications/Microsoft Excel.app", "com.microsoft.excel"})
-    EXPECT_EQ(texts(getAppState(harness, excel)), (std::vector<std::string>{"<image>", "<app_state>", "tree"})) << excel;
-  EXPECT_EQ(texts(getAppState(harness, "Cursor")),
-            (std::vector<std::string>{"<image>", block("VSCodeLikeIDE"), "<app_state>", "tree"}));
-  EXPECT_EQ(texts(getAppState(harness, "com.microsoft.VSCode")), (std::vector<std::string>{"<image>", "<app_state>", "tree"}));
-  EXPECT_EQ(texts(getAppState(harness, "Music")),
-            (std::vector<std::string>{"<image>", block("AppleMusic"), "<app_state>", "tree"}));
-  EXPECT_EQ(texts(getAppState(harness, "Apple Music")), (std::vector<std::string>{"<image>", "<app_state>", "tree"}));
-  EXPECT_EQ(texts(getAppState(harness, "Notes")), (std::vector<std::string>{"<image>", "<app_state>", "tree"}));
-  // Only get_app_state delivers.
-  harness.runtime().scriptDefault(R"({"content":[{"type":"text","text":"<app_state>"}],"isError":false})");
-  EXPECT_EQ(texts(harness.result({{"name", "press_key"}, {"arguments", {{"app", "Spotify"}, {"key", "space"}}}})),
-            std::vector<std::string>{"<app_state>"});
-}
-
-TEST(AppInstructionDelivery, WithoutAStateMarkerTheBlockGoesFirstAndFailuresKeepIt) {
-  ToolCallHarness harness;
-  harness.runtime().scriptDefault(std::string(R"({"content":[{"type":"text","text":"App not found"}],"isError":true})"));
-  EXPECT_EQ(texts(getAppState(harness, "Numbers")), std::vector<std::string>{"App not found"});
-  harness.runtime().scriptDefault(
-      std::string(R"({"content":[{"type":"text","text":"<app_state> tree"},{"type":"image","data":"AAAA"}],"isError":false})"));
-  EXPECT_EQ(texts(getAppState(harness, "Numbers")),
-            (std::vector<std::string>{block("Numbers"), "<app_state> tree", "<image>"}));
-}
-
-TEST(AppInstructionDelivery, ConcurrentCallsForOneAppDeliverOnce) {
-  ToolCallHarness harness;
-  harness.runtime().scriptDefault(stateReply);
-  std::vector<json> results(8);
-  {
-    std::vector<std::jthread> threads;
-    for (auto &result : results)
-      threads.emplace_back([&] { result = getAppState(harness, "Spotify"); });
-  }
-  int delivered = 0;
-  for (const auto &result : results)
-    delivered += static_cast<int>(result.at("content").size() == 4);
-  EXPECT_EQ(delivered, 1);
+TEST(AppInstructionProvider, AUsersFileIsAddedAfterTheBuiltInTextTrimmedWhenItIsReadableText) {
+  TemporaryDirectory directory;
+  const auto path = [&](const std::string &name) { return directory.path() + "/" + name; };
+  writeFile(path("Excel.md"), "\n  Prefer formulas.\n\n");
+  writeFile(path("iPhone Mirroring.md"), "Use the Home Screen.");
+  writeFile(path("Spotify.md"), " \n\t\n \n");                // blank
+  writeFile(path("Numbers.md"), "bad \xff byte");              // not UTF-8
+  std::filesystem::create_directory(path("Clock.md"));         // not a file
+  ASSERT_EQ(::mkfifo(path("Notion.md").c_str(), 0600), 0);     // would block a reader
+  writeFile(path("Notes.md"), "Never delivered: no rule names this file.");
+  const AppInstructionProvider provider(directory.path());
+  const auto builtIn = [](std::string_view baseName) { return std::string(*builtInInstructions(baseName)); };
+  EXPECT_EQ(provider.instructions(std::nullopt, "Excel"), builtIn("Excel") + "\n\nPrefer formulas.");
+  EXPECT_EQ(provider.instructions("com.apple.screencontinuity", ""),
+            builtIn("iPhone Mirroring") + "\n\nUse the Home Screen.");
+  for (const char *ignored : {"Spotify", "Numbers", "Clock", "Notion"})
+    EXPECT_EQ(provider.instructions(std::nullopt, ignored), builtIn(ignored)) << ignored;
+  EXPECT_EQ(provider.instructions(std::nullopt, "Notes"), std::nullopt);
+  EXPECT_EQ(AppInstructionProvider({}).instructions(std::nullopt, "Excel"), builtIn("Excel"));
 }
 
 } // namespace

@@ -1,206 +1,204 @@
-// Every tool through the MCP server, the gateway and the client down to a scripted
-// runtime transport: the exact request each tool sends, the exact answer the host gets,
-// and nothing sent for arguments that fail.
+// The tools through the MCP server, the gateway and the client down to a scripted runtime
+// transport: which requests each tool sends and the exact result the host gets, the call's
+// session and the general guide once per session, the Record & Replay tools' handling of a
+// recording in progress, the host's turn, and the advice for an app once per app.
 
-#include "testing/ToolCallHarness.h"
+#include "gateway/BuiltInInstructions.h"
+#include "gateway/MCPToolRequestScope.h"
+#include "support/JSON.h"
 
 #include "fakes/CapturedLog.h"
+#include "testing/ToolCallHarness.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
+
+#include <future>
+#include <thread>
 
 namespace tavix::test {
 namespace {
 
 using nlohmann::json;
+using testing::AllOf, testing::ElementsAre, testing::HasSubstr;
 
+std::string status(bool recording = false, const std::string &extra = "") {
+  return std::string(R"({"isRecording":)") + (recording ? "true" : "false") + extra +
+         R"(,"eventCount":0,"suppressedEventCount":0,"maxDurationSeconds":600,"screenshotMode":"off"})";
+}
 
-struct ToolCase {
-  const char *tool;
-  const char *arguments;
-  // The request that reaches the runtime app: its type and body; none when the arguments fail.
-  const char *requestType;
-  const char *body;
-  std::string reply = textReply;
-  std::string result = doneResult;
-};
+// The indented status the model reads.
+std::string shown(const std::string &status) { return *prettyJSON(json::parse(status)); }
 
-TEST(MCPToolGateway, EachToolSendsItsRequestAndAnswersWithItsResult) {
-  const ToolCase cases[] = {
-      {"list_apps", "{}", "ComputerUseIPCListAppsRequest", "{}",
-       R"({"content":[{"type":"text","text":"Notes\nSafari"}],"isError":false})",
-       R"({"content":[{"text":"Notes\nSafari","type":"text"}]})"},
-      {"get_app_state", R"({"app":"Notes"})", "ComputerUseIPCAppGetStateRequest", R"({"app":"Notes"})",
-       R"({"content":[{"type":"image","data":"iVBORw=="},{"type":"text","text":"<app_state>"},{"type":"text","text":"0 window"}],"isError":false})",
-       R"({"content":[{"data":"iVBORw==","mimeType":"image/png","type":"image"},{"text":"<app_state>","type":"text"},{"text":"0 window","type":"text"}]})"},
-      {"click", R"({"app":"Notes","element_index":"7"})", "ComputerUseIPCAppPerformActionRequest",
-       R"({"action":{"click":{"_0":{"clickCount":1,"elementIndex":7,"mouseButton":0}}},"app":"Notes"})"},
-      {"click", R"({"app":"Notes","x":10,"y":20.5,"click_count":2,"mouse_button":"right"})",
-       "ComputerUseIPCAppPerformActionRequest",
-       R"({"action":{"click":{"_0":{"clickCount":2,"mouseButton":1,"x":10.0,"y":20.5}}},"app":"Notes"})"},
-      {"perform_secondary_action", R"({"app":"Notes","element_index":"3","action":"AXShowMenu"})",
-       "ComputerUseIPCAppPerformActionRequest",
-       R"({"action":{"performSecondaryAction":{"_0":{"action":"AXShowMenu","elementIndex":3}}},"app":"Notes"})"},
-      {"set_value", R"({"app":"Notes","element_index":"4","value":""})", "ComputerUseIPCAppPerformActionRequest",
-       R"({"action":{"setValue":{"_0":{"elementIndex":4,"value":""}}},"app":"Notes"})"},
-      {"select_text", R"({"app":"Notes","element_index":"5","text":"b","prefix":"a","selection":"cursor_after"})",
-       "ComputerUseIPCAppPerformActionRequest",
-       R"({"action":{"selectText":{"_0":{"elementIndex":5,"prefix":"a","selection":"cursor_after","text":"b"}}},"app":"Notes"})"},
-      {"scroll", R"({"app":"Notes","element_index":"2","direction":"down","pages":0.5})",
-       "ComputerUseIPCAppPerformActionRequest",
-       R"({"action":{"scroll":{"_0":{"direction":1,"elementIndex":2,"pages":0.5}}},"app":"Notes"})"},
-      {"drag", R"({"app":"Notes","from_x":1,"from_y":"2","to_x":3.5,"to_y":4})", "ComputerUseIPCAppPerformActionRequest",
-       R"({"action":{"drag":{"_0":{"fromX":1.0,"fromY":2.0,"toX":3.5,"toY":4.0}}},"app":"Notes"})"},
-      {"press_key", R"({"app":"Notes","key":"super+c"})", "ComputerUseIPCAppPerformActionRequest",
-       R"({"action":{"pressKey":{"_0":{"key":"super+c"}}},"app":"Notes"})"},
-      {"type_text", R"({"app":"Notes","text":"héllo\n"})", "ComputerUseIPCAppPerformActionRequest",
-       R"({"action":{"typeText":{"_0":{"text":"héllo\n"}}},"app":"Notes"})"},
-      {"paste", R"({"app":"Notes","text":"# T","format":"md"})", "ComputerUseIPCAppPerformActionRequest",
-       R"({"action":{"paste":{"_0":{"format":"md","text":"# T"}}},"app":"Notes"})"},
-      {"event_stream_status", "{}", "ComputerUseIPCEventStreamStatusRequest", "{}",
-       R"({"isRecording":false,"eventCount":0,"suppressedEventCount":0,"maxDurationSeconds":600,"screenshotMode":"off"})",
-       R"({"content":[{"text":"{\n  \"eventCount\": 0,\n  \"isRecording\": false,\n  \"maxDurationSeconds\": 600,\n  \"screenshotMode\": \"off\",\n  \"suppressedEventCount\": 0\n}","type":"text"}]})"},
-      {"event_stream_stop", "{}", "ComputerUseIPCEventStreamStopRequest", R"({"reason":"toolStopped"})",
-       R"({"isRecording":false,"endReason":"toolStopped","eventCount":3,"suppressedEventCount":0,"maxDurationSeconds":600,"screenshotMode":"off"})",
-       R"({"content":[{"text":"{\n  \"endReason\": \"toolStopped\",\n  \"eventCount\": 3,\n  \"isRecording\": false,\n  \"maxDurationSeconds\": 600,\n  \"screenshotMode\": \"off\",\n  \"suppressedEventCount\": 0\n}","type":"text"}]})"},
+TEST(MCPToolGateway, EachToolSendsItsRequestsInTheCallsSessionAndAnswersWithItsResult) {
+  const std::string recordingA = status(true, R"(,"sessionId":"a")");
+  const std::string conflict = "Record & Replay is already recording for another session. Stop or discard it before "
+                               "starting a new recording.";
+  const std::string statusSent = "ComputerUseIPCEventStreamStatusRequest {}";
+  const std::string startSent = statusSent + "; ComputerUseIPCEventStreamStartRequest ";
+  const std::string clickSent = R"(ComputerUseIPCAppPerformActionRequest {"action":{"click":{"_0":{"clickCount":1,)"
+                                R"("elementIndex":9,"mouseButton":0}}},"app":"N","sessionId":"s"})";
+  const struct {
+    const char *tool, *arguments;
+    std::string sent; // "<request type> <body>" of each request, in order
+    ScriptedRequestTransport::Reply reply;
+    std::string text; // of the result's one item
+    bool isError = false, failed = false; // a failed call is not a result, so it brings no guide
+    const char *session = "s";
+  } cases[] = {
+      {"list_apps", "{}", "ComputerUseIPCListAppsRequest {}", textReply, "done"},
+      {"get_app_state", R"({"app":"N"})", R"(ComputerUseIPCAppGetStateRequest {"app":"N","sessionId":"s"})", textReply,
+       "done"},
       // A runtime failure reported in the response stays the tool's result.
-      {"click", R"({"app":"Notes","element_index":"9"})", "ComputerUseIPCAppPerformActionRequest",
-       R"({"action":{"click":{"_0":{"clickCount":1,"elementIndex":9,"mouseButton":0}}},"app":"Notes"})",
-       R"({"content":[{"type":"text","text":"Element not found"}],"isError":true,"failure":{"kind":"invalidElement","elementID":"9"}})",
-       R"({"content":[{"text":"Element not found","type":"text"}],"isError":true})"},
-      // Arguments that fail send nothing; the first failure is the answer.
-      {"get_app_state", "{}", nullptr, nullptr, textReply,
-       R"({"content":[{"text":"Missing required argument: app","type":"text"}],"isError":true})"},
-      {"click", R"({"app":"Notes"})", nullptr, nullptr, textReply,
-       R"({"content":[{"text":"click requires an element_index string or both numeric x and y in screenshot pixel coordinates.","type":"text"}],"isError":true})"},
-      {"scroll", R"({"app":"Notes","element_index":"1","direction":"down","pages":0})", nullptr, nullptr, textReply,
-       R"({"content":[{"text":"pages must be a finite number in (0, 100].","type":"text"}],"isError":true})"},
-      {"scroll", R"({"app":"Notes","element_index":"1","direction":"sideways"})", nullptr, nullptr, textReply,
-       R"({"content":[{"text":"Invalid scroll direction: sideways","type":"text"}],"isError":true})"},
-      {"paste", R"({"app":"Notes","text":"x","format":"rtf"})", nullptr, nullptr, textReply,
-       R"({"content":[{"text":"Invalid paste format. Use text, md, or html.","type":"text"}],"isError":true})"},
-      {"drag", R"({"app":"Notes","from_x":1,"from_y":2,"to_x":3})", nullptr, nullptr, textReply,
-       R"({"content":[{"text":"Missing required argument: to_y","type":"text"}],"isError":true})"},
-      {"type_text", R"({"app":"Notes","text":""})", nullptr, nullptr, textReply,
-       R"({"content":[{"text":"Missing required argument: text","type":"text"}],"isError":true})"},
+      {"click", R"({"app":"N","element_index":"9"})", clickSent,
+       std::string(R"({"content":[{"type":"text","text":"No"}],"isError":true,"failure":{"kind":"invalidElement"}})"),
+       "No", true},
+      // Arguments that fail, and names that are no tool, send nothing.
+      {"get_app_state", "{}", "", textReply, "Missing required argument: app", true, true},
+      {"Click", R"({"app":"N"})", "", textReply, "Unknown tool: Click", true},
+      // Record & Replay: the status as the model reads it, or the runtime's own error.
+      {"event_stream_status", "{}", statusSent, status(), "{\n  \"eventCount\": 0,\n  \"isRecording\": false,\n  "
+       "\"maxDurationSeconds\": 600,\n  \"screenshotMode\": \"off\",\n  \"suppressedEventCount\": 0\n}"},
+      {"event_stream_status", "{}", statusSent, status(false, R"(,"errorMessage":"No.")"), "No.", true},
+      {"event_stream_status", "{}", statusSent, status(false, R"(,"errorMessage":"")"), shown(status(false, R"(,"errorMessage":"")"))},
+      {"event_stream_stop", "{}", R"(ComputerUseIPCEventStreamStopRequest {"reason":"toolStopped"})", status(),
+       shown(status())},
+      // Starting asks for the status first, starts only when nothing records, and never takes
+      // over the recording of another session; the duration and mode are read leniently.
+      {"event_stream_start", "{}", startSent + R"({"sessionId":"s"})", status(), shown(recordingA)},
+      {"event_stream_start", R"({"max_duration_seconds":0,"screenshot_mode":"window_changes"})",
+       startSent + R"({"maxDurationSeconds":1,"screenshotMode":"window_changes","sessionId":"s"})", status(),
+       shown(recordingA)},
+      {"event_stream_start", R"({"max_duration_seconds":"600","screenshot_mode":"Off"})",
+       startSent + R"({"maxDurationSeconds":600})", status(), shown(recordingA), false, false, nullptr},
+      {"event_stream_start", "{}", statusSent, recordingA, conflict, true},
+      {"event_stream_start", "{}", statusSent, recordingA, shown(recordingA), false, false, "a"},
+      {"event_stream_start", "{}", statusSent, recordingA, shown(recordingA), false, false, nullptr},
+      {"event_stream_start", "{}", statusSent, status(true), shown(status(true))}, // recording for no session
+      // A runtime app that cannot be reached fails the call; the host still reads a result.
+      {"event_stream_start", "{}", statusSent, tl::unexpected(ClientFailure(ServerError{3, "x"})),
+       "Internal error: Server error 3: x", true, true},
   };
-  for (const auto &c : cases) {
-    SCOPED_TRACE(std::string(c.tool) + " " + c.arguments);
-    ToolCallHarness harness;
-    harness.runtime().scriptDefault(c.reply);
-    EXPECT_EQ(harness.call({{"name", c.tool}, {"arguments", json::parse(c.arguments)}}), answer(c.result));
-    const auto sent = harness.runtime().sent();
-    if (c.requestType == nullptr) {
-      EXPECT_TRUE(sent.empty());
-      continue;
+  const json guide = {{"text", computerUseGuide()}, {"type", "text"}};
+  // Every tool is served in either mode; the mode only decides what is listed.
+  for (const auto mode : {MCPServerMode::computerUse, MCPServerMode::recordReplay})
+    for (const auto &c : cases) {
+      SCOPED_TRACE(std::string(c.tool) + " " + c.arguments + " " + c.reply.value_or("failure"));
+      ToolCallHarness harness(mode);
+      harness.setEnvironment("TAVIX_CHAT_SESSION_ID", c.session ? std::optional<std::string>(c.session) : std::nullopt);
+      harness.runtime().scriptDefault(c.reply);
+      harness.runtime().script("ComputerUseIPCEventStreamStartRequest", {recordingA});
+      json expected = {{"content", {{{"text", c.text}, {"type", "text"}}}}};
+      if (c.session && !c.failed)
+        expected["content"].insert(expected["content"].begin(), guide);
+      if (c.isError)
+        expected["isError"] = true;
+      EXPECT_EQ(harness.result({{"name", c.tool}, {"arguments", json::parse(c.arguments)}}), expected);
+      std::string sent;
+      for (const auto &request : harness.runtime().sent()) {
+        sent += (sent.empty() ? "" : "; ") + request.requestType + " " + request.body;
+        EXPECT_EQ(request.sessionID, c.session ? std::optional<std::string>(c.session) : std::nullopt);
+        EXPECT_EQ(request.timeoutSeconds, std::nullopt); // the client's own time-out
+      }
+      EXPECT_EQ(sent, c.sent);
+      harness.runtime().scriptDefault(textReply); // a failed call leaves the guide for the next
+      EXPECT_EQ(harness.result({{"name", "list_apps"}}).at("content").size(), c.session && c.failed ? 2u : 1u);
     }
-    ASSERT_EQ(sent.size(), 1u);
-    EXPECT_EQ(sent[0].requestType, c.requestType);
-    EXPECT_EQ(sent[0].body, c.body);
-    EXPECT_EQ(sent[0].timeoutSeconds, std::nullopt);
-  }
 }
 
-TEST(MCPToolGateway, ToolNamesAreExactAndEveryToolIsReachableInEitherMode) {
-  for (const auto mode : {MCPServerMode::computerUse, MCPServerMode::recordReplay}) {
-    ToolCallHarness harness(mode);
-    harness.runtime().scriptDefault(textReply);
-    EXPECT_EQ(harness.call({{"name", "Click"}, {"arguments", {{"app", "Notes"}}}}),
-              answer(R"({"content":[{"text":"Unknown tool: Click","type":"text"}],"isError":true})"));
-    EXPECT_EQ(harness.call({{"name", ""}}), answer(R"({"content":[{"text":"Unknown tool: ","type":"text"}],"isError":true})"));
-    EXPECT_TRUE(harness.runtime().sent().empty());
-    EXPECT_EQ(harness.call({{"name", "list_apps"}}), answer(doneResult));
-    harness.runtime().scriptDefault(
-        std::string(R"({"isRecording":false,"eventCount":0,"suppressedEventCount":0,"maxDurationSeconds":1,"screenshotMode":"off"})"));
-    EXPECT_EQ(json::parse(*harness.call({{"name", "event_stream_status"}})).at("result").contains("isError"), false);
-    EXPECT_EQ(harness.runtime().sentTypes(),
-              (std::vector<std::string>{"ComputerUseIPCListAppsRequest", "ComputerUseIPCEventStreamStatusRequest"}));
-  }
+TEST(MCPToolRequestScope, TheSessionIsTheArgumentsMetaElseTheEnvironmentTrimmed) {
+  const std::tuple<const char *, std::optional<std::string>, std::optional<std::string>> cases[] = {
+      {R"({"_meta":{"sessionId":"  abc \n"}})", "env", "abc"}, {"{}", " env-1\t", "env-1"},
+      {"{}", " \n ", std::nullopt}, {"{}", std::nullopt, std::nullopt},
+      {R"({"_meta":{"sessionId":"  "}})", "env", "env"}, {R"({"_meta":{"sessionId":7}})", "env", "env"},
+      {R"({"_meta":"abc"})", std::nullopt, std::nullopt}, {R"("abc")", "env", "env"}};
+  for (const auto &[arguments, environment, session] : cases)
+    EXPECT_EQ(recordReplaySessionId(json::parse(arguments), [&](const char *name) {
+                                      return name == std::string("TAVIX_CHAT_SESSION_ID") ? environment : std::nullopt;
+                                    }),
+              session)
+        << arguments << " " << environment.value_or("<unset>");
 }
 
-struct SessionCase {
-  const char *name;
-  json arguments;
-  std::optional<std::string> environment;
-  std::optional<std::string> sessionId; // what every request of the call carries
-};
-
-TEST(MCPToolGateway, EveryRequestOfACallCarriesTheCallsSession) {
-  const SessionCase cases[] = {
-      {"meta wins over the environment", {{"app", "Notes"}, {"_meta", {{"sessionId", "  abc \n"}}}}, "env", "abc"},
-      {"environment, trimmed", {{"app", "Notes"}}, " env-1\t", "env-1"},
-      {"blank environment means none", {{"app", "Notes"}}, " \n ", std::nullopt},
-      {"no session anywhere", {{"app", "Notes"}}, std::nullopt, std::nullopt},
-      {"blank meta falls back to the environment", {{"app", "Notes"}, {"_meta", {{"sessionId", "  "}}}}, "env", "env"},
-      {"meta that is not text falls back", {{"app", "Notes"}, {"_meta", {{"sessionId", 7}}}}, "env", "env"},
-      {"meta that is not an object falls back", {{"app", "Notes"}, {"_meta", "abc"}}, std::nullopt, std::nullopt},
-  };
-  for (const auto &c : cases) {
-    SCOPED_TRACE(c.name);
-    ToolCallHarness harness;
-    harness.setEnvironment("TAVIX_CHAT_SESSION_ID", c.environment);
-    harness.runtime().scriptDefault(textReply);
-    harness.call({{"name", "get_app_state"}, {"arguments", c.arguments}});
-    json clickArguments = c.arguments;
-    clickArguments["element_index"] = "1";
-    harness.call({{"name", "click"}, {"arguments", clickArguments}});
-    const auto sent = harness.runtime().sent();
-    ASSERT_EQ(sent.size(), 2u);
-    for (const auto &request : sent) {
-      const json body = json::parse(request.body);
-      EXPECT_EQ(body.contains("sessionId") ? std::optional<std::string>(body["sessionId"]) : std::nullopt, c.sessionId);
-      EXPECT_EQ(request.sessionID, c.sessionId);
-    }
-  }
-}
-
-TEST(MCPToolGateway, TheGuideGoesInFrontOfTheFirstResultOfEachSession) {
+TEST(MCPToolGateway, CancellingACallReachesTheRequestItWaitsOn) {
   ToolCallHarness harness;
-  harness.runtime().scriptDefault(textReply);
-  const auto firstText = [&](const json &arguments) {
-    return harness.result({{"name", "press_key"}, {"arguments", arguments}}).at("content").at(0).at("text").get<std::string>();
-  };
-  const json inSession = {{"app", "Notes"}, {"key", "a"}, {"_meta", {{"sessionId", "s1"}}}};
-  const std::string guide = firstText(inSession);
-  EXPECT_TRUE(guide.starts_with("# Computer Use\n\nComputer Use lets Tavix interact")) << guide;
-  EXPECT_EQ(harness.result({{"name", "press_key"}, {"arguments", inSession}}),
-            json::parse(doneResult)); // once per session
-  EXPECT_EQ(firstText({{"app", "Notes"}, {"key", "a"}, {"_meta", {{"sessionId", " s1 "}}}}), "done");
-  EXPECT_EQ(firstText({{"app", "Notes"}, {"key", "a"}, {"_meta", {{"sessionId", "s2"}}}}), guide);
-  EXPECT_EQ(firstText({{"app", "Notes"}, {"key", "a"}}), "done"); // no session, no guide
-  // An unknown tool's result comes back normally too, so it carries the guide.
-  const json unknown = harness.result({{"name", "hover"}, {"arguments", {{"_meta", {{"sessionId", "s3"}}}}}});
-  EXPECT_EQ(unknown.at("content").size(), 2u);
-  EXPECT_EQ(unknown.at("content").at(1).at("text"), "Unknown tool: hover");
-  // A call that fails with an error gets no guide, and the session keeps it for later.
-  EXPECT_EQ(harness.result({{"name", "press_key"}, {"arguments", {{"_meta", {{"sessionId", "s4"}}}}}}).at("content").size(), 1u);
-  EXPECT_EQ(firstText({{"app", "Notes"}, {"key", "a"}, {"_meta", {{"sessionId", "s4"}}}}), guide);
+  harness.runtime().hold();
+  std::stop_source cancellation;
+  auto answer = std::async(std::launch::async, [&] {
+    WithRequestContext request(std::make_shared<RequestContext>("call-1", cancellation.get_token()));
+    return harness.result({{"name", "press_key"}, {"arguments", {{"app", "N"}, {"key", "a"}}}});
+  });
+  harness.runtime().waitForSent(1);
+  cancellation.request_stop();
+  // Bounded only so that a cancellation that never arrives fails rather than hangs.
+  const bool ended = answer.wait_for(std::chrono::seconds(10)) == std::future_status::ready;
+  harness.runtime().release();
+  EXPECT_TRUE(ended);
+  EXPECT_EQ(answer.get(), json::parse(R"({"content":[{"text":"Internal error: The request was cancelled.","type":"text"}],"isError":true})"));
 }
 
-TEST(MCPToolGateway, AHostTurnIsObservedBeforeTheToolRuns) {
+TEST(MCPToolGateway, AHostTurnIsObservedBeforeTheToolRunsAndItsFailureOnlyLogged) {
   CapturedLog log;
   ToolCallHarness harness;
   harness.runtime().scriptDefault(textReply);
-  harness.runtime().script("ComputerUseIPCHostSessionObserveRequest", {std::string("{}")});
+  harness.runtime().script("ComputerUseIPCHostSessionObserveRequest",
+                           {std::string("{}"), tl::unexpected(ClientFailure(ServerError{-1708, std::nullopt}))});
   const json turn = {{"com.tavix/turnContext", {{"sessionId", " s "}, {"turnId", "t1"}}}};
   EXPECT_EQ(harness.call({{"name", "list_apps"}, {"_meta", turn}}), answer(doneResult));
   EXPECT_EQ(harness.call({{"name", "list_apps"}}), answer(doneResult)); // no turn, nothing observed
-  // A failed observation is logged and the tool still runs.
-  harness.runtime().script("ComputerUseIPCHostSessionObserveRequest",
-                           {tl::unexpected(ClientFailure(ServerError{-1708, std::nullopt}))});
   EXPECT_EQ(harness.call({{"name", "list_apps"}, {"_meta", turn}}), answer(doneResult));
-  const auto sent = harness.runtime().sent();
-  ASSERT_EQ(sent.size(), 5u);
-  EXPECT_EQ(sent[0].requestType, "ComputerUseIPCHostSessionObserveRequest");
-  EXPECT_EQ(sent[0].body, R"({"context":{"sessionId":"s","turnId":"t1"}})");
-  EXPECT_EQ(sent[0].timeoutSeconds, std::nullopt);
-  EXPECT_EQ(sent[1].requestType, "ComputerUseIPCListAppsRequest");
-  EXPECT_EQ(sent[2].requestType, "ComputerUseIPCListAppsRequest");
-  EXPECT_EQ(sent[3].requestType, "ComputerUseIPCHostSessionObserveRequest");
-  EXPECT_EQ(sent[4].requestType, "ComputerUseIPCListAppsRequest");
-  const auto failed = log.withEvent("host_session_observe_failed");
-  ASSERT_EQ(failed.size(), 1u);
-  EXPECT_NE(failed[0].find("level=warning"), std::string::npos) << failed[0];
-  EXPECT_NE(failed[0].find("error=\"ServerError(domain=tavix.runtime,code=-1708)\""), std::string::npos) << failed[0];
+  EXPECT_EQ(harness.runtime().sent().at(0).body, R"({"context":{"sessionId":"s","turnId":"t1"}})");
+  const std::string observe = "ComputerUseIPCHostSessionObserveRequest", listApps = "ComputerUseIPCListAppsRequest";
+  EXPECT_EQ(harness.runtime().sentTypes(), (std::vector{observe, listApps, listApps, observe, listApps}));
+  EXPECT_THAT(log.withEvent("host_session_observe_failed"),
+              ElementsAre(AllOf(HasSubstr("level=warning"), HasSubstr("error=\"ServerError(domain=tavix.runtime,code=-1708)\""))));
+}
+
+TEST(AppInstructionDelivery, TheFirstStateOfAnAppCarriesItsAdviceOnceBeforeTheState) {
+  ToolCallHarness harness;
+  const auto texts = [&](const char *tool, const std::string &app, const std::string &reply) {
+    harness.runtime().scriptDefault(reply);
+    const json result = harness.result({{"name", tool}, {"arguments", {{"app", app}, {"key", "a"}}}});
+    std::vector<std::string> found;
+    for (const auto &item : result.at("content"))
+      found.push_back(item.value("text", "<image>"));
+    return found;
+  };
+  const auto state = [&](const std::string &app) {
+    return texts("get_app_state", app, R"({"content":[{"type":"image","data":"AAAA"},{"type":"text","text":)"
+                                       R"("<app_state>"},{"type":"text","text":"tree"}],"isError":false})");
+  };
+  const auto advice = [](std::string_view baseName) {
+    return "<app_specific_instructions>\n" + std::string(*builtInInstructions(baseName)) +
+           "\n</app_specific_instructions>";
+  };
+  const std::vector<std::string> plain = {"<image>", "<app_state>", "tree"};
+  // Only get_app_state delivers.
+  EXPECT_EQ(texts("press_key", "Excel", textReply), std::vector<std::string>{"done"});
+  EXPECT_EQ(state("Excel"), (std::vector<std::string>{"<image>", advice("Excel"), "<app_state>", "tree"}));
+  // However the app is named, its advice comes once; an app without advice gets none.
+  EXPECT_EQ(state("/Applications/Microsoft Excel.app"), plain);
+  EXPECT_EQ(state("Notes"), plain);
+  // A state that could not be read keeps the advice for the next; without a state marker
+  // the advice goes first.
+  EXPECT_EQ(texts("get_app_state", "Numbers", R"({"content":[{"type":"text","text":"No"}],"isError":true})"),
+            std::vector<std::string>{"No"});
+  EXPECT_EQ(texts("get_app_state", "Numbers", textReply), (std::vector<std::string>{advice("Numbers"), "done"}));
+}
+
+TEST(AppInstructionDelivery, ConcurrentCallsForOneAppDeliverOnce) {
+  ToolCallHarness harness;
+  harness.runtime().scriptDefault(textReply);
+  std::atomic<int> delivered{0};
+  {
+    std::vector<std::jthread> threads;
+    for (int i = 0; i < 8; ++i)
+      threads.emplace_back([&] {
+        const json result = harness.result({{"name", "get_app_state"}, {"arguments", {{"app", "Spotify"}}}});
+        delivered += static_cast<int>(result["content"].size()) - 1;
+      });
+  }
+  EXPECT_EQ(delivered.load(), 1);
 }
 
 } // namespace
