@@ -24,8 +24,7 @@ public:
   using Reply = ClientResult<std::string>;
 
   struct Sent {
-    std::string requestType;
-    std::string body;
+    std::string requestType, body;
     std::optional<double> timeoutSeconds;
     std::string correlationID;
     std::optional<std::string> sessionID;
@@ -110,9 +109,7 @@ private:
   std::map<std::string, std::deque<Reply>> scripts_;
   Reply defaultReply_ = tl::unexpected(ClientFailure(ClientError::runtimeNotRunning()));
   std::vector<Sent> sent_;
-  bool established_ = false;
-  bool establishOnReply_ = false;
-  bool held_ = false;
+  bool established_ = false, establishOnReply_ = false, held_ = false;
   std::set<std::string> heldTypes_;
 };
 

@@ -93,12 +93,10 @@ TEST(AppQueryResolution, TheQueryAloneNamesTheAppAndItsAdviceOnce) {
       {"/Applications/Microsoft Excel.app", {std::nullopt, "Microsoft Excel"}, "Excel"},
       {"com.microsoft.excel", {"com.microsoft.excel", "com.microsoft.excel"}, "Excel"},
       {"/Applications/Cursor.app/", {std::nullopt, "Cursor"}, "VSCodeLikeIDE"},
-      {"com.Microsoft.VSCode", {"com.microsoft.vscode", "com.Microsoft.VSCode"}, "VSCodeLikeIDE"},
       {"Visual Studio Code", {"com.microsoft.vscode", "Visual Studio Code"}, "VSCodeLikeIDE"},
       {"iPhone Mirroring.app", {"com.apple.screencontinuity", "iPhone Mirroring"}, "iPhone Mirroring"},
       {"Music", {"com.apple.music", "Music"}, "AppleMusic"},
       {"Notes.app", {std::nullopt, "Notes"}, "notes"},
-      {"com.example.notes", {std::nullopt, "com.example.notes"}, "com.example.notes"},
       {".app", {std::nullopt, ""}, ""},
   };
   for (const auto &[query, app, key] : cases) {
