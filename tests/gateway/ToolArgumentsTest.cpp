@@ -5,6 +5,7 @@
 #include "gateway/ArgumentParsers.h"
 #include "gateway/RecordReplayTools.h"
 #include "gateway/ToolArguments.h"
+#include "support/JSON.h"
 
 #include "fakes/CapturedLog.h"
 
@@ -164,7 +165,7 @@ TEST(ToolArguments, EachToolReadsItsArgumentsInOrderIntoItsAction) {
       {"paste", R"({"app":"N","format":"markdown"})", "! Missing required argument: text"},
   };
   for (const auto &[tool, arguments, expected] : rows)
-    EXPECT_EQ(shown(actionReader(tool)(json::parse(arguments))), expected) << tool << " " << arguments.substr(0, 99);
+    EXPECT_EQ(shown(actionReader(tool)(parseJSON(arguments).value())), expected) << tool << " " << arguments.substr(0, 99);
   for (const char *tool : {"list_apps", "get_app_state", "event_stream_start", "Click", "click ", ""})
     EXPECT_EQ(actionReader(tool), nullptr) << tool;
 }
