@@ -1,5 +1,6 @@
 #pragma once
-// A unified log that remembers every line given to any of its handles.
+// A unified log that remembers every line given to any of its handles. Made with
+// std::make_shared: each handle keeps the log alive, since handles may outlive it.
 
 #include "platform/UnifiedLog.h"
 
@@ -11,56 +12,44 @@
 
 namespace tavix::test {
 
-class FakeUnifiedLog : public UnifiedLog {
+class FakeUnifiedLog : public UnifiedLog, public std::enable_shared_from_this<FakeUnifiedLog> {
 public:
   struct Entry {
-    std::string subsystem;
-    std::string category;
+    std::string subsystem, category;
     UnifiedLogType type;
     std::string line;
   };
 
   std::unique_ptr<UnifiedLogHandle> makeHandle(std::string_view subsystem,
                                                std::string_view category) override {
-    ++shared_->handlesMade;
-    return std::make_unique<Handle>(shared_, std::string(subsystem), std::string(category));
+    ++handlesMade_;
+    return std::make_unique<Handle>(shared_from_this(),
+                                    Entry{std::string(subsystem), std::string(category), {}, {}});
   }
-
   // Whether handles report their types as enabled (all of them, or none).
-  void setEnabled(bool enabled) { shared_->enabled = enabled; }
-  int handlesMade() const { return shared_->handlesMade; }
+  void setEnabled(bool enabled) { enabled_ = enabled; }
+  int handlesMade() const { return handlesMade_; }
   std::vector<Entry> entries() const {
-    std::lock_guard lock(shared_->mutex);
-    return shared_->entries;
+    std::lock_guard lock(mutex_);
+    return entries_;
   }
 
 private:
-  // Handles may outlive the log that made them.
-  struct Shared {
-    std::mutex mutex;
-    std::vector<Entry> entries;
-    std::atomic<bool> enabled{true};
-    std::atomic<int> handlesMade{0};
-  };
-
-  class Handle : public UnifiedLogHandle {
-  public:
-    Handle(std::shared_ptr<Shared> shared, std::string subsystem, std::string category)
-        : shared_(std::move(shared)), subsystem_(std::move(subsystem)),
-          category_(std::move(category)) {}
-    bool isEnabled(UnifiedLogType) const override { return shared_->enabled; }
+  struct Handle : UnifiedLogHandle {
+    Handle(std::shared_ptr<FakeUnifiedLog> owner, Entry name) : owner(owner), name(name) {}
+    bool isEnabled(UnifiedLogType) const override { return owner->enabled_; }
     void log(UnifiedLogType type, std::string_view line) override {
-      std::lock_guard lock(shared_->mutex);
-      shared_->entries.push_back({subsystem_, category_, type, std::string(line)});
+      std::lock_guard lock(owner->mutex_);
+      owner->entries_.push_back({name.subsystem, name.category, type, std::string(line)});
     }
-
-  private:
-    std::shared_ptr<Shared> shared_;
-    std::string subsystem_;
-    std::string category_;
+    std::shared_ptr<FakeUnifiedLog> owner;
+    Entry name;
   };
 
-  std::shared_ptr<Shared> shared_ = std::make_shared<Shared>();
+  mutable std::mutex mutex_;
+  std::vector<Entry> entries_;
+  std::atomic<bool> enabled_{true};
+  std::atomic<int> handlesMade_{0};
 };
 
 } // namespace tavix::test

@@ -1,8 +1,10 @@
-// A process that logs numbered lines into the log file from two threads, each of which
-// also compacts the file as it goes, so that tests can run several at once against one
-// file. The threads write as "<writer name>1" and "<writer name>2".
+// A process that logs numbered lines into the log file from two threads, each
+// of which also compacts the file as it goes, so that tests can run several at
+// once against one file. The threads write as "<writer name>1" and "<writer
+// name>2".
 //
-//   tavix_log_writer <log directory> <writer name> <lines> <compact every> <max bytes> <kept bytes>
+//   tavix_log_writer <log directory> <writer name> <lines> <compact every> <max
+//   bytes> <kept bytes>
 
 #include "logging/LogFileCompaction.h"
 #include "logging/LogFileLocation.h"
@@ -16,28 +18,20 @@ int main(int argc, char **argv) {
   using namespace tavix;
   if (argc != 7)
     return 2;
-  const std::string directory = argv[1];
-  const std::string writer = argv[2];
-  const long lines = std::stol(argv[3]);
-  const long compactEvery = std::stol(argv[4]);
+  const std::string directory = argv[1], writer = argv[2];
+  const long lines = std::stol(argv[3]), compactEvery = std::stol(argv[4]);
   const LogFileLimits limits{std::stoll(argv[5]), std::stoll(argv[6])};
-
   StderrRedirection redirection(
-      {.environment = [directory](const char *name) -> std::optional<std::string> {
-         if (std::string_view(name) == logDirectoryEnvironmentKey)
-           return directory;
-         return std::nullopt;
-       },
+      {.environment = [directory](const char *) { return std::optional(directory); },
        .limits = limits});
   redirection.redirectIfNeeded();
   const auto path = redirection.currentLogPath();
   if (!path)
     return 3;
   const auto writeLines = [&](const std::string &name) {
-    const std::string padding(120, '-');
     for (long i = 0; i < lines; ++i) {
       Log::info(LogCategory::logging, "test_line",
-                {{"padding", padding}, {"sequence", i}, {"writer", name}});
+                {{"padding", std::string(120, '-')}, {"sequence", i}, {"writer", name}});
       if ((i + 1) % compactEvery == 0)
         compactLogFileIfNeeded(*path, limits);
     }
