@@ -1,3 +1,6 @@
+// The logger: which sinks a line reaches at each level, what it carries, rate limits, and
+// one whole line at a time from concurrent writers.
+
 #include "logging/Logger.h"
 
 #include "fakes/FakeUnifiedLog.h"
@@ -6,11 +9,7 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cmath>
-#include <cstdio>
-#include <cstdlib>
-#include <optional>
 #include <thread>
 #include <unistd.h>
 
@@ -18,85 +17,70 @@ namespace tavix {
 namespace {
 
 using namespace std::chrono;
-using test::FakeUnifiedLog;
+using enum LogLevel;
 
 void setOrUnset(const char *name, const char *value) {
   value ? setenv(name, value, 1) : unsetenv(name);
 }
 
-// Puts environment variables back as they were.
-class ScopedEnvironment {
-public:
-  explicit ScopedEnvironment(std::vector<const char *> names) {
-    for (const char *name : names)
-      saved_.emplace_back(name,
-                          std::getenv(name) ? std::getenv(name) : std::optional<std::string>());
-  }
-  ~ScopedEnvironment() {
-    for (const auto &[name, value] : saved_)
-      setOrUnset(name, value ? value->c_str() : nullptr);
-  }
-
-private:
-  std::vector<std::pair<const char *, std::optional<std::string>>> saved_;
-};
-
+// The test binary runs without the level variables (see TestMain.cpp); a test sets them.
 class LoggerTest : public ::testing::Test {
 protected:
   void SetUp() override {
-    unsetenv(logLevelEnvironmentKey);
-    unsetenv(osLogMirrorLevelEnvironmentKey);
     setenv("HOME", "/home/tester", 1);
     previous_ = Log::replaceSinks(sinks());
   }
-  void TearDown() override { Log::replaceSinks(std::move(previous_)); }
-
+  void TearDown() override {
+    unsetenv(logLevelEnvironmentKey);
+    unsetenv(osLogMirrorLevelEnvironmentKey);
+    setenv("HOME", home_.c_str(), 1);
+    Log::replaceSinks(std::move(previous_));
+  }
+  // Fresh sinks, which also forget cached handles and rate-limit state. A line written
+  // while another is being written fails the test.
   Log::Sinks sinks() {
-    return {[this](std::string_view line) { stderrLines.emplace_back(line); }, unifiedLog,
-            [this] { return wallNow; }, [this] { return monotonicNow; }};
+    return {[this](std::string_view line) {
+              EXPECT_FALSE(writing_.exchange(true)) << "two lines written at once";
+              stderrLines.emplace_back(line);
+              std::this_thread::yield();
+              writing_ = false;
+            },
+            unifiedLog, [this] { return wallNow; }, [this] { return monotonicNow; }};
   }
-  static bool contains(const std::string &line, std::string_view part) {
-    return line.find(part) != std::string::npos;
-  }
+  std::string unifiedLine(size_t i) const { return unifiedLog->entries().at(i).line; }
 
-  ScopedEnvironment environment_{{logLevelEnvironmentKey, osLogMirrorLevelEnvironmentKey, "HOME"}};
+  const std::string home_ = std::getenv("HOME");
   Log::Sinks previous_;
-  std::vector<std::string> stderrLines; // written under the logger's lock
-  std::shared_ptr<FakeUnifiedLog> unifiedLog = std::make_shared<FakeUnifiedLog>();
+  std::atomic<bool> writing_ = false;
+  std::vector<std::string> stderrLines;
+  std::shared_ptr<test::FakeUnifiedLog> unifiedLog = std::make_shared<test::FakeUnifiedLog>();
   system_clock::time_point wallNow = sys_days{2026y / March / 4} + 15h;
   steady_clock::time_point monotonicNow{hours(1)};
 };
 
 TEST_F(LoggerTest, RoutesLinesByTheEnvironmentThresholds) {
   struct Case {
-    const char *stderrLevel;
-    const char *mirrorLevel;
+    const char *stderrLevel, *mirrorLevel;
     LogLevel level;
-    bool toStderr, toUnified;
+    size_t toStderr, toUnified;
   };
-  const std::vector<Case> cases = {
-      {nullptr, nullptr, LogLevel::debug, false, false},
-      {nullptr, nullptr, LogLevel::info, true, true},
-      {nullptr, nullptr, LogLevel::fault, true, true},
-      {" Warning\n", nullptr, LogLevel::info, false, true},
-      {" Warning\n", nullptr, LogLevel::warning, true, true},
-      {nullptr, "debug", LogLevel::debug, false, true},
-      {"debug", nullptr, LogLevel::debug, true, false},
-      {"error", "DEBUG", LogLevel::info, false, true},
-      {"fault", "fault", LogLevel::error, false, false},
-      {"verbose", "loud", LogLevel::debug, false, false},
-      {"verbose", "", LogLevel::info, true, true},
-      {"warn", "  ", LogLevel::info, true, true},
-  };
-  for (size_t i = 0; i < cases.size(); ++i) {
-    const Case &c = cases[i];
+  // clang-format off
+  const Case cases[] = {
+      {nullptr, nullptr, debug, 0, 0},      {nullptr, nullptr, info, 1, 1},
+      {nullptr, nullptr, fault, 1, 1},      {" Warning\n", nullptr, info, 0, 1},
+      {" Warning\n", nullptr, warning, 1, 1}, {nullptr, "debug", debug, 0, 1},
+      {"debug", nullptr, debug, 1, 0},      {"error", "DEBUG", info, 0, 1},
+      {"fault", "fault", error, 0, 0},      {"verbose", "loud", debug, 0, 0},
+      {"verbose", "", info, 1, 1},          {"warn", "  ", info, 1, 1}};
+  // clang-format on
+  for (const Case &c : cases) {
     setOrUnset(logLevelEnvironmentKey, c.stderrLevel);
     setOrUnset(osLogMirrorLevelEnvironmentKey, c.mirrorLevel);
     stderrLines.clear();
     const size_t unifiedBefore = unifiedLog->entries().size();
     Log::log(c.level, LogCategory::tools, "routed");
-    EXPECT_EQ(stderrLines.size(), c.toStderr ? 1u : 0u) << "case " << i;
-    EXPECT_EQ(unifiedLog->entries().size() - unifiedBefore, c.toUnified ? 1u : 0u) << "case " << i;
+    EXPECT_EQ(stderrLines.size(), c.toStderr) << "case " << &c - cases;
+    EXPECT_EQ(unifiedLog->entries().size() - unifiedBefore, c.toUnified) << "case " << &c - cases;
   }
 }
 
@@ -104,81 +88,65 @@ TEST_F(LoggerTest, WritesOneEncodedLineToBothSinks) {
   Log::warning(LogCategory::tools, "tool_call_started",
                {{"file_path", "/home/tester/a b"}, {"userText", "hi"}, {"n", 3}});
   ASSERT_EQ(stderrLines.size(), 1u);
-  const std::string &line = stderrLines[0];
-  EXPECT_TRUE(line.starts_with(formatLogTimestamp(wallNow) + " level=warning process=")) << line;
-  EXPECT_TRUE(line.ends_with(" pid=" + std::to_string(getpid()) +
-                             " category=tools event=tool_call_started"
-                             " file_path=\"~/a b\" n=3 userText=[redacted]\n"))
-      << line;
-  ASSERT_EQ(unifiedLog->entries().size(), 1u);
-  EXPECT_EQ(unifiedLog->entries()[0].line, line);
+  EXPECT_TRUE(stderrLines[0].starts_with(formatLogTimestamp(wallNow) + " level=warning process="));
+  EXPECT_TRUE(stderrLines[0].ends_with(" pid=" + std::to_string(getpid()) +
+                                       " category=tools event=tool_call_started"
+                                       " file_path=\"~/a b\" n=3 userText=[redacted]\n"))
+      << stderrLines[0];
+  EXPECT_EQ(unifiedLine(0), stderrLines[0]);
 }
 
 TEST_F(LoggerTest, MirrorsWithTheLevelsTypeOnOneHandlePerCategory) {
   setenv(osLogMirrorLevelEnvironmentKey, "debug", 1);
-  const std::vector<std::pair<LogLevel, UnifiedLogType>> mapping = {
-      {LogLevel::debug, UnifiedLogType::debug},
-      {LogLevel::info, UnifiedLogType::info},
-      {LogLevel::warning, UnifiedLogType::defaultType},
-      {LogLevel::error, UnifiedLogType::error},
-      {LogLevel::fault, UnifiedLogType::fault}};
-  for (const auto &[level, type] : mapping)
+  for (LogLevel level : allLogLevels)
     Log::log(level, LogCategory::appDiscovery, "mapped");
-  const auto entries = unifiedLog->entries();
-  ASSERT_EQ(entries.size(), mapping.size());
-  for (size_t i = 0; i < mapping.size(); ++i) {
-    EXPECT_EQ(entries[i].type, mapping[i].second) << i;
-    EXPECT_EQ(entries[i].subsystem, "com.tavix.computeruse");
-    EXPECT_EQ(entries[i].category, "app-discovery");
-    EXPECT_TRUE(contains(entries[i].line, " level=" + std::string(rawValue(mapping[i].first))));
-  }
-  EXPECT_EQ(unifiedLog->handlesMade(), 1);
   Log::info(LogCategory::ipc, "other");
   Log::info(LogCategory::ipc, "again");
+  const auto entries = unifiedLog->entries();
+  ASSERT_EQ(entries.size(), 7u);
+  using enum UnifiedLogType;
+  const UnifiedLogType types[] = {debug, info, defaultType, error, fault, info, info};
+  for (size_t i = 0; i < 7; ++i) {
+    EXPECT_EQ(entries[i].type, types[i]) << i;
+    EXPECT_EQ(entries[i].subsystem + " " + entries[i].category,
+              i < 5 ? "com.tavix.computeruse app-discovery" : "com.tavix.computeruse ipc");
+  }
   EXPECT_EQ(unifiedLog->handlesMade(), 2);
-  EXPECT_EQ(unifiedLog->entries().back().category, "ipc");
-
   // A handle whose types are disabled gets nothing; standard error is unaffected.
   unifiedLog->setEnabled(false);
-  stderrLines.clear();
   Log::error(LogCategory::ipc, "disabled");
-  EXPECT_EQ(unifiedLog->entries().size(), mapping.size() + 2);
-  EXPECT_EQ(stderrLines.size(), 1u);
+  EXPECT_EQ(unifiedLog->entries().size(), 7u);
+  EXPECT_TRUE(stderrLines.back().ends_with(" event=disabled\n"));
 }
 
+// Calls at the given milliseconds after the first, with their index as a field; a line
+// comes out of those whose line ending is given.
 TEST_F(LoggerTest, RateLimitedWarningsCountWhatTheySwallow) {
-  Log::rateLimitedWarning(LogCategory::transport, "runtime_heartbeat_failed", 120, {{"a", 1}});
-  monotonicNow += 60s;
-  Log::rateLimitedWarning(LogCategory::transport, "runtime_heartbeat_failed", 120, {{"a", 2}});
-  Log::rateLimitedWarning(LogCategory::ipc, "runtime_heartbeat_failed", 120); // another key
-  ASSERT_EQ(stderrLines.size(), 2u);
-  EXPECT_TRUE(stderrLines[0].ends_with(" category=transport event=runtime_heartbeat_failed a=1\n"))
-      << stderrLines[0];
-  EXPECT_TRUE(contains(stderrLines[0], " level=warning "));
-  EXPECT_FALSE(contains(stderrLines[0], "suppressedCount"));
-  EXPECT_TRUE(contains(stderrLines[1], " category=ipc "));
-
-  monotonicNow += 60s; // 120 s after the first: the interval is over
-  Log::rateLimitedWarning(LogCategory::transport, "runtime_heartbeat_failed", 120, {{"a", 3}});
-  ASSERT_EQ(stderrLines.size(), 3u);
-  EXPECT_TRUE(stderrLines[2].ends_with(" event=runtime_heartbeat_failed a=3 suppressedCount=1\n"))
-      << stderrLines[2];
-
-  monotonicNow += 121s; // nothing swallowed since the last line
-  Log::rateLimitedWarning(LogCategory::transport, "runtime_heartbeat_failed", 120);
-  ASSERT_EQ(stderrLines.size(), 4u);
-  EXPECT_FALSE(contains(stderrLines[3], "suppressedCount"));
+  const std::tuple<int, LogCategory, const char *> calls[] = {
+      {0, LogCategory::transport, " level=warning "},
+      {60000, LogCategory::transport, nullptr},
+      {60000, LogCategory::ipc, " category=ipc event=overloaded a=2\n"}, // another key
+      {119999, LogCategory::transport, nullptr},
+      {120000, LogCategory::transport,
+       " category=transport event=overloaded a=4 suppressedCount=2\n"},
+      {241000, LogCategory::transport, " category=transport event=overloaded a=5\n"}};
+  for (int i = 0; const auto &[at, category, ending] : calls) {
+    stderrLines.clear();
+    monotonicNow = steady_clock::time_point(hours(1) + milliseconds(at));
+    Log::rateLimitedWarning(category, "overloaded", 120, {{"a", i++}});
+    ASSERT_EQ(stderrLines.size(), ending ? 1u : 0u) << at;
+    EXPECT_TRUE(!ending || stderrLines[0].find(ending) != std::string::npos) << stderrLines[0];
+  }
 }
 
 TEST_F(LoggerTest, RateLimitIntervalsBelowOneSecondCountAsOne) {
   for (double interval : {0.5, 0.0, -3.0, std::nan("")}) {
-    Log::replaceSinks(sinks()); // forgets the rate-limit state
+    Log::replaceSinks(sinks());
     stderrLines.clear();
-    Log::rateLimitedWarning(LogCategory::input, "tick", interval);
-    monotonicNow += 999ms;
-    Log::rateLimitedWarning(LogCategory::input, "tick", interval);
-    monotonicNow += 1ms;
-    Log::rateLimitedWarning(LogCategory::input, "tick", interval);
+    for (milliseconds step : {0ms, 999ms, 1ms}) {
+      monotonicNow += step;
+      Log::rateLimitedWarning(LogCategory::input, "tick", interval);
+    }
     ASSERT_EQ(stderrLines.size(), 2u) << interval;
     EXPECT_TRUE(stderrLines[1].ends_with(" event=tick suppressedCount=1\n")) << interval;
   }
@@ -189,105 +157,30 @@ TEST_F(LoggerTest, EmergencyFaultGoesOnlyToTheUnifiedLog) {
   setenv(osLogMirrorLevelEnvironmentKey, "fault", 1);
   Log::emergencyUnifiedFault(LogCategory::logging, "stderr_unusable", {{"errno", 5}});
   EXPECT_TRUE(stderrLines.empty());
-  const auto entries = unifiedLog->entries();
-  ASSERT_EQ(entries.size(), 1u);
-  EXPECT_EQ(entries[0].type, UnifiedLogType::fault);
-  EXPECT_EQ(entries[0].category, "logging");
-  EXPECT_TRUE(entries[0].line.ends_with(" category=logging event=stderr_unusable errno=5\n"))
-      << entries[0].line;
-  EXPECT_TRUE(contains(entries[0].line, " level=fault "));
+  ASSERT_EQ(unifiedLog->entries().size(), 1u);
+  EXPECT_EQ(unifiedLog->entries()[0].type, UnifiedLogType::fault);
+  EXPECT_NE(unifiedLine(0).find(" level=fault "), std::string::npos) << unifiedLine(0);
+  EXPECT_TRUE(unifiedLine(0).ends_with(" category=logging event=stderr_unusable errno=5\n"));
 }
 
-TEST_F(LoggerTest, LinesCarryTheRequestOfTheirThread) {
-  {
-    WithRequestContext scope(std::make_shared<RequestContext>("req-42", std::stop_token()));
-    Log::info(LogCategory::tools, "inside", {{"a", 1}});
-  }
-  Log::info(LogCategory::tools, "outside");
-  ASSERT_EQ(stderrLines.size(), 2u);
-  EXPECT_TRUE(stderrLines[0].ends_with(" event=inside requestId=req-42 a=1\n")) << stderrLines[0];
-  EXPECT_FALSE(contains(stderrLines[1], "requestId")) << stderrLines[1];
-
-  stderrLines.clear();
+TEST_F(LoggerTest, ConcurrentLinesCarryTheRequestOfTheirThreadUntilItsScopeEnds) {
   auto worker = [](std::string id) {
-    WithRequestContext scope(std::make_shared<RequestContext>(id, std::stop_token()));
-    for (int i = 0; i < 100; ++i)
-      Log::info(LogCategory::tools, "from_" + id);
+    {
+      WithRequestContext scope(std::make_shared<RequestContext>(id, std::stop_token()));
+      for (int i = 0; i < 200; ++i)
+        Log::info(LogCategory::tools, "in_" + id, {{"a", 1}});
+    }
+    Log::info(LogCategory::tools, "after_" + id);
   };
   std::thread first(worker, "A"), second(worker, "B");
   first.join();
   second.join();
-  ASSERT_EQ(stderrLines.size(), 200u);
+  ASSERT_EQ(stderrLines.size(), 402u);
   for (const std::string &line : stderrLines)
-    EXPECT_TRUE(line.ends_with(" event=from_A requestId=A\n") ||
-                line.ends_with(" event=from_B requestId=B\n"))
+    EXPECT_TRUE(line.ends_with(" event=in_A requestId=A a=1\n") ||
+                line.ends_with(" event=in_B requestId=B a=1\n") ||
+                line.ends_with(" event=after_A\n") || line.ends_with(" event=after_B\n"))
         << line;
-}
-
-TEST_F(LoggerTest, ConcurrentWritersToStandardErrorNeverInterleave) {
-  constexpr int threads = 8, linesPerThread = 200;
-  auto sinks = this->sinks();
-  sinks.writeStderr = &Log::writeLineToStderr;
-  sinks.unifiedLog = nullptr;
-  Log::replaceSinks(sinks);
-
-  int pipeEnds[2];
-  ASSERT_EQ(pipe(pipeEnds), 0);
-  const int savedStderr = dup(STDERR_FILENO);
-  ASSERT_GE(savedStderr, 0);
-  std::string output;
-  std::thread reader([&] {
-    char buffer[65536];
-    for (ssize_t n; (n = read(pipeEnds[0], buffer, sizeof buffer)) > 0;)
-      output.append(buffer, static_cast<size_t>(n));
-  });
-  dup2(pipeEnds[1], STDERR_FILENO);
-  close(pipeEnds[1]);
-
-  // Lines well beyond the size a pipe writes atomically on its own.
-  const std::string padding(1000, 'x');
-  LogFields fields;
-  std::string encodedFields;
-  for (int i = 0; i < 6; ++i) {
-    fields["p" + std::to_string(i)] = padding;
-    encodedFields += " p" + std::to_string(i) + "=" + padding;
-  }
-  std::vector<std::thread> writers;
-  for (int t = 0; t < threads; ++t)
-    writers.emplace_back([&, t, fields]() mutable {
-      fields["thread"] = t;
-      for (int s = 0; s < linesPerThread; ++s) {
-        fields["seq"] = s;
-        Log::info(LogCategory::tools, "concurrent_line", fields);
-      }
-    });
-  for (std::thread &writer : writers)
-    writer.join();
-  dup2(savedStderr, STDERR_FILENO); // also closes the pipe's last write end
-  close(savedStderr);
-  reader.join();
-  close(pipeEnds[0]);
-
-  const std::string head = formatLogTimestamp(wallNow) + " level=info process=";
-  std::vector<int> seen(threads * linesPerThread, 0);
-  size_t lines = 0;
-  for (size_t start = 0; start < output.size(); ++lines) {
-    const size_t end = output.find('\n', start);
-    ASSERT_NE(end, std::string::npos) << "unterminated last line";
-    const std::string line = output.substr(start, end - start);
-    start = end + 1;
-    const size_t seqAt = line.rfind(" seq=");
-    ASSERT_TRUE(line.starts_with(head) && seqAt != std::string::npos) << line.substr(0, 200);
-    int s = -1, t = -1;
-    ASSERT_EQ(std::sscanf(line.c_str() + seqAt, " seq=%d thread=%d", &s, &t), 2);
-    ASSERT_TRUE(s >= 0 && s < linesPerThread && t >= 0 && t < threads) << line.substr(seqAt);
-    const std::string tail = " category=tools event=concurrent_line" + encodedFields +
-                             " seq=" + std::to_string(s) + " thread=" + std::to_string(t);
-    ASSERT_TRUE(line.ends_with(tail)) << "line " << lines << " is not whole";
-    ++seen[t * linesPerThread + s];
-  }
-  EXPECT_EQ(lines, seen.size());
-  EXPECT_EQ(std::count(seen.begin(), seen.end(), 1), static_cast<long>(seen.size()));
 }
 
 } // namespace
