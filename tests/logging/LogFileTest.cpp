@@ -1,0 +1,308 @@
+// The log file, in temporary directories: where it goes (an explicit directory or the
+// host's newest session), its compaction, also by several processes at once, and the
+// redirection of a descriptor that stands for standard error into it.
+
+#include "TestPaths.h"
+#include "logging/LogFileCompaction.h"
+#include "logging/LogFileLocation.h"
+#include "logging/RepeatingTimer.h"
+#include "logging/TavixComputerUseLogFile.h"
+
+#include "fakes/CapturedLog.h"
+#include "fakes/FakeUnifiedLog.h"
+#include "testing/ChildProcess.h"
+#include "testing/TemporaryDirectory.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <filesystem>
+#include <future>
+#include <map>
+#include <regex>
+#include <sstream>
+#include <unistd.h>
+
+namespace tavix::test {
+namespace {
+
+using namespace std::chrono;
+using ::testing::HasSubstr;
+namespace fs = std::filesystem;
+
+using Environment = std::map<std::string, std::string>;
+EnvironmentLookup lookUpIn(Environment variables) {
+  return [variables](const char *name) -> std::optional<std::string> {
+    const auto found = variables.find(name);
+    return found == variables.end() ? std::nullopt : std::optional(found->second);
+  };
+}
+
+const auto march4 = sys_days{2026y / March / 4} + 15h + 7min + 9s;
+
+TEST(LogFileLocation, ExplicitDirectoriesAreTrimmedAndTheFirstNonBlankWins) {
+  // clang-format off
+  const std::pair<Environment, std::optional<std::string>> cases[] = {
+      {{}, std::nullopt},
+      {{{"TAVIX_CU_LOG_DIR", " /a \n"}}, "/a"},
+      {{{"TAVIX_CU_LOG_DIR", "/a"}, {"TAVIX_IDE_LOGS_HOME", "/b"}}, "/a"},
+      {{{"TAVIX_CU_LOG_DIR", " \t"}, {"TAVIX_IDE_LOGS_HOME", "/b"}}, "/b"},
+      {{{"TAVIX_CU_LOG_DIR", ""}, {"TAVIX_IDE_LOGS_HOME", "\n"}}, std::nullopt}};
+  // clang-format on
+  for (const auto &[variables, expected] : cases)
+    EXPECT_EQ(explicitLogDirectory(lookUpIn(variables)), expected);
+}
+
+TEST(LogFileLocation, OnlyWellFormedTimestampsCountAsSessions) {
+  for (const char *name : {"19991231T235959", "20240229T000000", "20260101T000060"})
+    EXPECT_TRUE(isTimestampDirectoryName(name)) << name;
+  for (const char *name :
+       {"2026-01-01", "20260304T15070", "20260304T1507090", "20260304t150709", "2026030AT150709",
+        "20260304T15070x", "20261304T150709", "20260004T150709", "20260332T150709",
+        "20260300T150709", "20260304T240000", "20260304T156000", "20260304T150761", ""})
+    EXPECT_FALSE(isTimestampDirectoryName(name)) << name;
+}
+
+TEST(LogFileLocation, TheNewestSessionWithAMarkerIsChosenElseTheNewest) {
+  TemporaryDirectory root;
+  for (const char *name : {"20260101T000000", "20260102T000000", "2026-01-03", "2026010AT000000"})
+    fs::create_directories(root / name);
+  writeFile(root / "20260104T000000", "a file, not a session");
+  EXPECT_THAT(timestampLogDirectories(root.path()),
+              ::testing::ElementsAre("20260102T000000", "20260101T000000"));
+  EXPECT_EQ(resolveLatestTavixLogDirectory(root.path(), march4), root / "20260102T000000");
+  writeFile(root / "20260101T000000/main.log", "");
+  EXPECT_EQ(resolveLatestTavixLogDirectory(root.path(), march4), root / "20260101T000000");
+  writeFile(root / "20260102T000000/sharedprocess.log", "");
+  writeFile(root / "20260105T000000/main.log.old", ""); // marker names are exact
+  EXPECT_EQ(resolveLatestTavixLogDirectory(root.path(), march4), root / "20260102T000000");
+}
+
+TEST(LogFileLocation, TheFileIsInTheExplicitDirectoryElseInTheHostSession) {
+  TemporaryDirectory home;
+  const std::string now = timestampDirectoryName(march4);
+  const auto resolve = [&](Environment variables, std::optional<std::string> bundle = {}) {
+    return resolveLogFileURL(lookUpIn(std::move(variables)), march4, bundle, home.path());
+  };
+  EXPECT_EQ(resolve({{"TAVIX_CU_LOG_DIR", " "}, {"TAVIX_IDE_LOGS_HOME", home / "ide/logs"}}),
+            home / "ide/logs/computer-use-runtime.log");
+  EXPECT_TRUE(fs::is_directory(home / "ide/logs"));
+  EXPECT_EQ(resolve({{"TAVIX_CU_LOG_DIR", home / "explicit/"}}),
+            home / "explicit/computer-use-runtime.log");
+  // The CN host's logs root (its identifiers in any case, trimmed), with a session there.
+  fs::create_directories(home / ".config/TavixCN/logs/20260101T000000");
+  EXPECT_EQ(resolve({}, " COM.tavix.cn.computeruse.Bridge\n"),
+            home / ".config/TavixCN/logs/20260101T000000/computer-use-runtime.log");
+  EXPECT_EQ(resolve({{"XDG_CONFIG_HOME", home / "cfg"}}, "com.tavix.cn.computeruse"),
+            home / ("cfg/TavixCN/logs/" + now + "/computer-use-runtime.log"));
+  // Any other identifier, or none: the main host's root, where a session for now is made.
+  EXPECT_EQ(resolve({}, "com.tavix.cn.computeruse.runtime"),
+            home / (".config/Tavix/logs/" + now + "/computer-use-runtime.log"));
+  EXPECT_TRUE(fs::is_directory(home / (".config/Tavix/logs/" + now)));
+  EXPECT_FALSE(isTavixCNBundleIdentifier(std::nullopt));
+}
+
+constexpr int64_t MiB = 1024 * 1024;
+
+// With the default limits, a file one byte short of 5 MiB is left alone; one of 5 MiB
+// keeps at most its last 4 MiB, from the start of a line, and then the notice.
+TEST(LogFileCompaction, AtFiveMiBAFileKeepsItsLastFourMiBFromALineStartThenTheNotice) {
+  TemporaryDirectory directory;
+  const std::string path = directory / "computer-use-runtime.log";
+  std::string original;
+  for (int i = 0; original.size() + 100 < 5 * MiB; ++i) // numbered lines of 100 bytes
+    original += "line " + std::to_string(1000000 + i) + " " + std::string(86, '.') + "\n";
+  original.resize(5 * MiB - 1, 'x');
+  writeFile(path, original);
+  EXPECT_FALSE(compactLogFileIfNeeded(path));
+  EXPECT_TRUE(readFile(path) == original); // not EXPECT_EQ: no diff of megabytes
+  writeFile(path, original += "\n");
+  const CapturedLog log; // the notice is written to the file, never through the logger
+  EXPECT_TRUE(compactLogFileIfNeeded(path));
+
+  const std::string compacted = readFile(path);
+  const size_t noticeStart = compacted.rfind('\n', compacted.size() - 2) + 1;
+  const std::string kept = compacted.substr(0, noticeStart), notice = compacted.substr(noticeStart);
+  EXPECT_THAT(notice, HasSubstr(" level=warning "));
+  EXPECT_TRUE(notice.ends_with(
+      " category=logging event=log_compacted previousBytes=5242880 reason=size_limit\n"))
+      << notice;
+  EXPECT_LE(static_cast<int64_t>(kept.size()), 4 * MiB);
+  EXPECT_GT(static_cast<int64_t>(kept.size()), 4 * MiB - 100);
+  EXPECT_TRUE(original.ends_with(kept)); // the end of the file, unchanged
+  EXPECT_TRUE(kept.starts_with("line ")) << kept.substr(0, 40);
+  EXPECT_TRUE(log.lines().empty());
+  // Below the limit now: a second run leaves the file alone; a missing file stays missing.
+  EXPECT_FALSE(compactLogFileIfNeeded(path));
+  EXPECT_TRUE(readFile(path) == compacted);
+  EXPECT_FALSE(compactLogFileIfNeeded(directory / "missing.log"));
+  EXPECT_FALSE(fs::exists(directory / "missing.log"));
+}
+
+TEST(LogFileCompaction, ATailWithoutALineBreakIsKeptWhole) {
+  TemporaryDirectory directory;
+  writeFile(directory / "one-line.log", std::string(5000, 'x'));
+  EXPECT_TRUE(compactLogFileIfNeeded(directory / "one-line.log", {4096, 1000}));
+  const std::string compacted = readFile(directory / "one-line.log");
+  EXPECT_TRUE(compacted.starts_with(std::string(1000, 'x') + "2")) << compacted.substr(0, 1010);
+  EXPECT_TRUE(compacted.ends_with(" previousBytes=5000 reason=size_limit\n")) << compacted;
+}
+
+TEST(LogFileCompaction, ConcurrentWritersAndCompactorsLoseNoLaterLineAndNeverInterleave) {
+  TemporaryDirectory directory;
+  constexpr long lines = 2000;
+  // Three processes of two threads each, every thread also compacting. Each compaction
+  // drops only the oldest 64 KiB, so that the final file still spans many compactions
+  // and a line lost in any of them shows as a gap.
+  std::vector<std::unique_ptr<ChildProcess>> processes;
+  for (const char *name : {"alpha", "beta", "gamma"})
+    processes.push_back(std::make_unique<ChildProcess>(
+        std::vector<std::string>{TAVIX_LOG_WRITER_EXECUTABLE, directory.path(), name,
+                                 std::to_string(lines), "20", "1048576", "983040"}));
+  for (auto &process : processes)
+    ASSERT_EQ(process->wait(seconds(120)), 0);
+
+  // Every line is whole: a writer's line, a compaction notice or a writer's first line.
+  static const std::regex wholeLine(
+      R"(\S+ level=(info|warning) process=\S+ pid=\d+ category=logging event=(test_line )"
+      R"(padding=-{120} sequence=(\d+) writer=(\w+)|log_compacted previousBytes=\d+ )"
+      R"(reason=size_limit|stderr_sink_attached logPath=\S+))");
+  std::map<std::string, std::vector<long>> sequences;
+  int notices = 0;
+  std::istringstream text(readFile(directory / "computer-use-runtime.log"));
+  for (std::string line; std::getline(text, line);) {
+    std::smatch match;
+    ASSERT_TRUE(std::regex_match(line, match, wholeLine)) << "a broken line: " << line;
+    if (match[4].matched)
+      sequences[match[4]].push_back(std::stol(match[3]));
+    notices += line.find(" event=log_compacted ") != std::string::npos;
+  }
+  EXPECT_GE(notices, 1);
+  ASSERT_FALSE(sequences.empty());
+  // Compaction only ever drops the start of the file, so what is left of each writer is
+  // an unbroken run that ends with its last line.
+  for (const auto &[writer, numbers] : sequences) {
+    EXPECT_EQ(numbers.back(), lines - 1) << writer;
+    for (size_t i = 1; i < numbers.size(); ++i)
+      ASSERT_EQ(numbers[i], numbers[i - 1] + 1)
+          << writer << ": a line is lost after " << numbers[i - 1];
+  }
+}
+
+class StderrRedirectionTest : public ::testing::Test {
+protected:
+  void TearDown() override { ::close(target_); }
+
+  // Over an explicit log directory, or else the host's sessions under the home directory.
+  StderrRedirection redirectionTo(std::optional<std::string> logDirectory,
+                                  LogFileLimits limits = {}) {
+    return StderrRedirection({.environment =
+                                  [logDirectory](const char *name) {
+                                    return std::string_view(name) == "TAVIX_CU_LOG_DIR"
+                                               ? logDirectory
+                                               : std::nullopt;
+                                  },
+                              .now = [] { return march4; },
+                              .homeDirectory = [this] { return home_.path(); },
+                              .targetDescriptor = target_,
+                              .limits = limits});
+  }
+  // The file the descriptor points at now.
+  fs::path target() const { return fs::read_symlink("/proc/self/fd/" + std::to_string(target_)); }
+
+  TemporaryDirectory home_;
+  const std::string logPath_ = home_ / "logs/computer-use-runtime.log";
+  int target_ = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
+  const std::shared_ptr<FakeUnifiedLog> unifiedLog_ = std::make_shared<FakeUnifiedLog>();
+  const CapturedLog log_{unifiedLog_};
+};
+
+// An oversized file is compacted first; then the descriptor appends to it.
+TEST_F(StderrRedirectionTest, TheDescriptorAppendsToTheExplicitLogFileOnceCompacted) {
+  writeFile(logPath_, std::string(3000, 'a') + "\n" + std::string(2000, 'b') + "\n");
+  auto redirection = redirectionTo(home_ / "logs", {4096, 2500});
+  redirection.redirectIfNeeded();
+  EXPECT_EQ(target(), logPath_);
+  EXPECT_EQ(redirection.currentLogPath(), logPath_);
+  ASSERT_EQ(::write(target_, "later\n", 6), 6);
+  const std::string text = readFile(logPath_);
+  EXPECT_TRUE(text.starts_with(std::string(2000, 'b') + "\n")) << text.substr(0, 10);
+  EXPECT_THAT(text, HasSubstr("event=log_compacted previousBytes=5002 reason=size_limit\nlater\n"));
+  // The same file on the next run: nothing moves and nothing more is logged.
+  redirection.redirectIfNeeded();
+  const auto attached = log_.withEvent("stderr_sink_attached");
+  ASSERT_EQ(attached.size(), 1u);
+  EXPECT_THAT(attached[0], HasSubstr(" level=info "));
+  EXPECT_THAT(attached[0], HasSubstr(" category=logging event=stderr_sink_attached logPath="));
+  EXPECT_TRUE(attached[0].ends_with("/logs/computer-use-runtime.log\n")) << attached[0];
+}
+
+// Nothing else opens files meanwhile, so a new log file gets the lowest free number: that
+// of the closed target. It keeps it, open across exec, appending and readable by all.
+TEST_F(StderrRedirectionTest, AClosedTargetIsReplacedByANewFileUnderItsNumber) {
+  ::close(target_);
+  const mode_t previousMask = ::umask(0);
+  redirectionTo(home_ / "logs").redirectIfNeeded();
+  ::umask(previousMask);
+  EXPECT_EQ(target(), logPath_);
+  EXPECT_EQ(::fcntl(target_, F_GETFD) & FD_CLOEXEC, 0);
+  EXPECT_EQ(::fcntl(target_, F_GETFL) & O_APPEND, O_APPEND);
+  EXPECT_EQ(fs::status(logPath_).permissions(), fs::perms(0644));
+}
+
+TEST_F(StderrRedirectionTest, EachRunFollowsTheHostToItsNewestSession) {
+  const std::string sessions = home_ / ".config/Tavix/logs/";
+  writeFile(sessions + "20260101T000000/main.log", "");
+  auto redirection = redirectionTo(std::nullopt);
+  redirection.redirectIfNeeded();
+  EXPECT_EQ(target(), sessions + "20260101T000000/computer-use-runtime.log");
+  writeFile(sessions + "20260102T000000/main.log", "");
+  redirection.redirectIfNeeded();
+  EXPECT_EQ(target(), sessions + "20260102T000000/computer-use-runtime.log");
+  EXPECT_EQ(log_.withEvent("stderr_sink_attached").size(), 2u);
+}
+
+// A file where the log directory should be: neither the directory nor the file can be
+// made, which only the system log hears of, and the descriptor stays where it was.
+TEST_F(StderrRedirectionTest, FailuresLeaveTheDescriptorAndTellOnlyTheSystemLog) {
+  writeFile(home_ / "logs", "");
+  auto redirection = redirectionTo(home_ / "logs");
+  redirection.redirectIfNeeded();
+  EXPECT_EQ(target(), "/dev/null");
+  EXPECT_EQ(redirection.currentLogPath(), std::nullopt);
+  EXPECT_TRUE(log_.lines().empty());
+  const auto entries = unifiedLog_->entries();
+  ASSERT_EQ(entries.size(), 2u);
+  EXPECT_EQ(entries[0].type, UnifiedLogType::fault);
+  EXPECT_THAT(entries[0].line,
+              HasSubstr(" category=logging event=log_directory_create_failed directoryPath="));
+  EXPECT_THAT(entries[0].line,
+              HasSubstr("/logs error=\"std::error_code(domain=generic,code=20)\"\n"));
+  EXPECT_THAT(entries[1].line, HasSubstr(" level=fault "));
+  EXPECT_THAT(entries[1].line, HasSubstr(" event=log_file_open_failed errno=20 logPath="));
+  // Once the obstacle is gone, the next run attaches.
+  fs::remove(home_ / "logs");
+  redirection.redirectIfNeeded();
+  EXPECT_EQ(target(), logPath_);
+}
+
+TEST(RepeatingTimer, FiresRepeatedlyAndStopsAtOnceWhenDestroyed) {
+  std::promise<void> thirdRun;
+  int runs = 0; // only the timer's thread touches it
+  {
+    RepeatingTimer timer(milliseconds(1), [&] {
+      if (++runs == 3)
+        thirdRun.set_value();
+    });
+    EXPECT_EQ(thirdRun.get_future().wait_for(seconds(30)), std::future_status::ready);
+  }
+  // A timer an hour from firing is destroyed without waiting for it (were it to wait,
+  // the test would run into its time limit).
+  {
+    RepeatingTimer idle(hours(1), [] {});
+  }
+}
+
+} // namespace
+} // namespace tavix::test
