@@ -1,5 +1,5 @@
-// Feature flags over user-defaults files written by the test, and where the program's
-// own information dictionary and user defaults are looked for.
+// Feature flags over user-defaults files written by the test, and where the
+// program's own information dictionary and user defaults are looked for.
 
 #include "config/FeatureFlag.h"
 #include "config/MainBundle.h"
@@ -14,8 +14,6 @@
 namespace tavix::test {
 namespace {
 
-using ::testing::ElementsAre;
-
 class FeatureFlagTest : public ::testing::Test {
 protected:
   FeatureFlag flagsWith(const PropertyListDictionary &entries,
@@ -26,70 +24,46 @@ protected:
 
   TemporaryDirectory directory_;
   std::string path_ = directory_ / "defaults.plist";
-  FeatureFlag flags_{std::make_shared<const UserDefaults>(
-      std::make_shared<const PropertyListFileSource>(path_))};
+  FeatureFlag flags_{
+      std::make_shared<const UserDefaults>(std::make_shared<const PropertyListFileSource>(path_))};
 };
 
-TEST_F(FeatureFlagTest, WithNothingSetOnlyTheCursorIsOn) {
+TEST_F(FeatureFlagTest, OnlyTheCursorIsOnByDefaultAndForbiddenTargetsHaveAKeyOfTheirOwn) {
   EXPECT_TRUE(flags_.computerUseCursor());
-  EXPECT_FALSE(flags_.detachComputerUseCursor());
-  EXPECT_FALSE(flags_.computerUseAlwaysSimulateClick());
-  EXPECT_FALSE(flags_.computerUsePIP());
-  EXPECT_FALSE(flags_.computerUsePIPOverrideMinimizeButton());
-  EXPECT_FALSE(flags_.computerUsePersonalInstructionsOverridesBuiltIn());
-  EXPECT_FALSE(flags_.screenshot());
-  EXPECT_FALSE(flags_.overrideFogSamplingTexture());
+  EXPECT_FALSE(flagsWith({{"feature/computerUseCursor", false}}).computerUseCursor());
   EXPECT_FALSE(flags_.lockedUseAutoUnlock());
-  EXPECT_FALSE(flags_.computerUseAllowForbiddenTargets());
-}
-
-TEST_F(FeatureFlagTest, EachFlagReadsItsOwnKey) {
-  const auto flags = flagsWith({{"feature/computerUseCursor", false},
-                                {"feature/detachComputerUseCursor", true},
-                                {"feature/computerUseAlwaysSimulateClick", true},
-                                {"feature/computerUsePIP", true},
-                                {"feature/computerUsePIPOverrideMinimizeButton", true},
-                                {"feature/computerUsePersonalInstructionsOverridesBuiltIn", true},
-                                {"feature/screenshot", true},
-                                {"feature/overrideFogSamplingTexture", true},
-                                {"feature/lockedUseAutoUnlock", true},
-                                {"ComputerUseAllowForbiddenTargets", true}},
-                               PropertyListFormat::xml);
-  EXPECT_FALSE(flags.computerUseCursor());
-  EXPECT_TRUE(flags.detachComputerUseCursor());
-  EXPECT_TRUE(flags.computerUseAlwaysSimulateClick());
-  EXPECT_TRUE(flags.computerUsePIP());
-  EXPECT_TRUE(flags.computerUsePIPOverrideMinimizeButton());
-  EXPECT_TRUE(flags.computerUsePersonalInstructionsOverridesBuiltIn());
-  EXPECT_TRUE(flags.screenshot());
-  EXPECT_TRUE(flags.overrideFogSamplingTexture());
-  EXPECT_TRUE(flags.lockedUseAutoUnlock());
-  EXPECT_TRUE(flags.computerUseAllowForbiddenTargets());
-  // The forbidden-targets switch has no "feature/" prefix; the prefixed key is another one.
+  // Without the "feature/" prefix; the prefixed key is another one.
+  EXPECT_TRUE(
+      flagsWith({{"ComputerUseAllowForbiddenTargets", true}}).computerUseAllowForbiddenTargets());
   EXPECT_FALSE(flagsWith({{"feature/ComputerUseAllowForbiddenTargets", true}})
                    .computerUseAllowForbiddenTargets());
 }
 
 TEST_F(FeatureFlagTest, BooleansAcceptNumbersAndWords) {
-  const std::vector<std::pair<PropertyListValue, bool>> cases = {
-      {true, true},      {false, false},  {int64_t{1}, true}, {int64_t{-2}, true},
-      {int64_t{0}, false}, {0.25, true},  {0.0, false},       {" YES ", true},
-      {"true", true},    {"1", true},     {"no", false},      {"on", false},
-      {"", false},       {PropertyListArray{true}, false},    {PropertyListValue::Other{}, false},
-  };
-  for (const auto &[value, expected] : cases) {
-    SCOPED_TRACE(::testing::PrintToString(value.storage().index()));
-    const auto flags = flagsWith({{"feature/screenshot", value}});
-    EXPECT_EQ(flags.screenshot(), expected);
-    EXPECT_EQ(flags.isEnabled("feature/screenshot", !expected), expected);
+  const std::pair<PropertyListValue, bool> cases[] = {{true, true},
+                                                      {false, false},
+                                                      {int64_t{1}, true},
+                                                      {int64_t{-2}, true},
+                                                      {int64_t{0}, false},
+                                                      {0.25, true},
+                                                      {0.0, false},
+                                                      {" YES ", true},
+                                                      {"true", true},
+                                                      {"1", true},
+                                                      {"no", false},
+                                                      {"on", false},
+                                                      {"", false},
+                                                      {PropertyListArray{true}, false},
+                                                      {PropertyListValue::Other{}, false}};
+  // clang-format on
+  for (size_t row = 0; row < std::size(cases); ++row) {
+    const auto flags = flagsWith({{"feature/screenshot", cases[row].first}});
+    EXPECT_EQ(flags.screenshot(), cases[row].second) << "row " << row;
+    EXPECT_EQ(flags.isEnabled("feature/screenshot", !cases[row].second), cases[row].second) << row;
   }
-}
-
-TEST_F(FeatureFlagTest, ADefaultAppliesOnlyWhenTheKeyIsUnset) {
-  const auto flags = flagsWith({{"present", "nonsense"}});
-  EXPECT_FALSE(flags.isEnabled("present", true));
-  EXPECT_TRUE(flags.isEnabled("absent", true));
-  EXPECT_FALSE(flags.isEnabled("absent"));
+  // A default applies only when the key is unset, whatever is set.
+  EXPECT_TRUE(flagsWith({{"present", "nonsense"}}).isEnabled("absent", true));
+  EXPECT_FALSE(flags_.isEnabled("present", true));
 }
 
 TEST_F(FeatureFlagTest, StringValuesAreTextOrNumbers) {
@@ -115,10 +89,9 @@ TEST_F(FeatureFlagTest, AChangedFileTakesEffectAtTheNextRead) {
 
 TEST(MainBundle, InformationIsBesideTheExecutableElseInItsShareDirectory) {
   EXPECT_THAT(infoPlistCandidates("/opt/tavix/bin/TavixComputerUseBridge"),
-              ElementsAre("/opt/tavix/bin/Info.plist",
-                          "/opt/tavix/bin/../share/TavixComputerUseBridge/Info.plist"));
+              ::testing::ElementsAre("/opt/tavix/bin/Info.plist",
+                                     "/opt/tavix/bin/../share/TavixComputerUseBridge/Info.plist"));
   EXPECT_TRUE(infoPlistCandidates("").empty());
-
   TemporaryDirectory root;
   std::filesystem::create_directories(root / "bin");
   const BundleInfoDictionary info(root / "bin/Bridge");
@@ -135,7 +108,7 @@ TEST(MainBundle, InformationIsBesideTheExecutableElseInItsShareDirectory) {
 
 TEST(MainBundle, UserDefaultsAreNamedAfterTheBundleInTheConfigurationDirectory) {
   const auto environment = [](std::optional<std::string> xdg) -> EnvironmentLookup {
-    return [xdg](const char *name) -> std::optional<std::string> {
+    return [xdg](const char *name) {
       return std::string_view(name) == "XDG_CONFIG_HOME" ? xdg : std::nullopt;
     };
   };
