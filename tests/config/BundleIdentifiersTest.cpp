@@ -106,9 +106,8 @@ TEST_P(BundleIdentifiersTest, BooleansAcceptBooleansZeroOrOneAndTheUsualWords) {
 TEST_P(BundleIdentifiersTest, CertificateDigestKeepsHexDigitsAndNeedsExactlySixtyFour) {
   const std::string key = "TavixLockedUseCertificateSHA256";
   const std::string lower = "0123456789abcdef0123456789abcdeffedcba9876543210fedcba9876543210";
-  std::string pairs;
-  for (size_t i = 0; i < 64; i += 2)
-    pairs += (i ? ":" : "") + std::string{char(std::toupper(lower[i])), lower[i + 1]};
+  const std::string pairs = "01:23:45:67:89:AB:CD:EF:01:23:45:67:89:AB:CD:EF:"
+                            "FE:DC:BA:98:76:54:32:10:FE:DC:BA:98:76:54:32:10";
   const auto pinned = with({{key, pairs}});
   EXPECT_EQ(pinned.lockedUseCertificateSHA256(), lower);
   EXPECT_TRUE(pinned.lockedUseTrustedTeamIdentifiers().empty());

@@ -40,21 +40,12 @@ TEST_F(FeatureFlagTest, OnlyTheCursorIsOnByDefaultAndForbiddenTargetsHaveAKeyOfT
 }
 
 TEST_F(FeatureFlagTest, BooleansAcceptNumbersAndWords) {
-  const std::pair<PropertyListValue, bool> cases[] = {{true, true},
-                                                      {false, false},
-                                                      {int64_t{1}, true},
-                                                      {int64_t{-2}, true},
-                                                      {int64_t{0}, false},
-                                                      {0.25, true},
-                                                      {0.0, false},
-                                                      {" YES ", true},
-                                                      {"true", true},
-                                                      {"1", true},
-                                                      {"no", false},
-                                                      {"on", false},
-                                                      {"", false},
-                                                      {PropertyListArray{true}, false},
-                                                      {PropertyListValue::Other{}, false}};
+  // clang-format off
+  const std::pair<PropertyListValue, bool> cases[] = {
+      {true, true},        {false, false}, {int64_t{1}, true}, {int64_t{-2}, true},
+      {int64_t{0}, false}, {0.25, true},   {0.0, false},       {" YES ", true},
+      {"true", true},      {"1", true},    {"no", false},      {"on", false},
+      {"", false},         {PropertyListArray{true}, false},   {PropertyListValue::Other{}, false}};
   // clang-format on
   for (size_t row = 0; row < std::size(cases); ++row) {
     const auto flags = flagsWith({{"feature/screenshot", cases[row].first}});

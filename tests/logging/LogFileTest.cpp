@@ -41,19 +41,6 @@ EnvironmentLookup lookUpIn(Environment variables) {
 
 const auto march4 = sys_days{2026y / March / 4} + 15h + 7min + 9s;
 
-TEST(LogFileLocation, ExplicitDirectoriesAreTrimmedAndTheFirstNonBlankWins) {
-  // clang-format off
-  const std::pair<Environment, std::optional<std::string>> cases[] = {
-      {{}, std::nullopt},
-      {{{"TAVIX_CU_LOG_DIR", " /a \n"}}, "/a"},
-      {{{"TAVIX_CU_LOG_DIR", "/a"}, {"TAVIX_IDE_LOGS_HOME", "/b"}}, "/a"},
-      {{{"TAVIX_CU_LOG_DIR", " \t"}, {"TAVIX_IDE_LOGS_HOME", "/b"}}, "/b"},
-      {{{"TAVIX_CU_LOG_DIR", ""}, {"TAVIX_IDE_LOGS_HOME", "\n"}}, std::nullopt}};
-  // clang-format on
-  for (const auto &[variables, expected] : cases)
-    EXPECT_EQ(explicitLogDirectory(lookUpIn(variables)), expected);
-}
-
 TEST(LogFileLocation, OnlyWellFormedTimestampsCountAsSessions) {
   for (const char *name : {"19991231T235959", "20240229T000000", "20260101T000060"})
     EXPECT_TRUE(isTimestampDirectoryName(name)) << name;
@@ -79,24 +66,28 @@ TEST(LogFileLocation, TheNewestSessionWithAMarkerIsChosenElseTheNewest) {
   EXPECT_EQ(resolveLatestTavixLogDirectory(root.path(), march4), root / "20260102T000000");
 }
 
+// TAVIX_CU_LOG_DIR, else TAVIX_IDE_LOGS_HOME, trimmed; when both are blank, the host's
+// newest session, or a new one named for now.
 TEST(LogFileLocation, TheFileIsInTheExplicitDirectoryElseInTheHostSession) {
   TemporaryDirectory home;
   const std::string now = timestampDirectoryName(march4);
   const auto resolve = [&](Environment variables, std::optional<std::string> bundle = {}) {
     return resolveLogFileURL(lookUpIn(std::move(variables)), march4, bundle, home.path());
   };
-  EXPECT_EQ(resolve({{"TAVIX_CU_LOG_DIR", " "}, {"TAVIX_IDE_LOGS_HOME", home / "ide/logs"}}),
+  EXPECT_EQ(
+      resolve({{"TAVIX_CU_LOG_DIR", " " + home / "a/" + "\n"}, {"TAVIX_IDE_LOGS_HOME", "/b"}}),
+      home / "a/computer-use-runtime.log");
+  EXPECT_EQ(resolve({{"TAVIX_CU_LOG_DIR", " \t"}, {"TAVIX_IDE_LOGS_HOME", home / "ide/logs"}}),
             home / "ide/logs/computer-use-runtime.log");
   EXPECT_TRUE(fs::is_directory(home / "ide/logs"));
-  EXPECT_EQ(resolve({{"TAVIX_CU_LOG_DIR", home / "explicit/"}}),
-            home / "explicit/computer-use-runtime.log");
   // The CN host's logs root (its identifiers in any case, trimmed), with a session there.
   fs::create_directories(home / ".config/TavixCN/logs/20260101T000000");
-  EXPECT_EQ(resolve({}, " COM.tavix.cn.computeruse.Bridge\n"),
+  EXPECT_EQ(resolve({{"TAVIX_CU_LOG_DIR", ""}, {"TAVIX_IDE_LOGS_HOME", "\n"}},
+                    " COM.tavix.cn.computeruse.Bridge\n"),
             home / ".config/TavixCN/logs/20260101T000000/computer-use-runtime.log");
   EXPECT_EQ(resolve({{"XDG_CONFIG_HOME", home / "cfg"}}, "com.tavix.cn.computeruse"),
             home / ("cfg/TavixCN/logs/" + now + "/computer-use-runtime.log"));
-  // Any other identifier, or none: the main host's root, where a session for now is made.
+  // Any other identifier, or none: the main host's root.
   EXPECT_EQ(resolve({}, "com.tavix.cn.computeruse.runtime"),
             home / (".config/Tavix/logs/" + now + "/computer-use-runtime.log"));
   EXPECT_TRUE(fs::is_directory(home / (".config/Tavix/logs/" + now)));

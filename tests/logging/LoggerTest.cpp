@@ -59,13 +59,9 @@ protected:
 };
 
 TEST_F(LoggerTest, RoutesLinesByTheEnvironmentThresholds) {
-  struct Case {
-    const char *stderrLevel, *mirrorLevel;
-    LogLevel level;
-    size_t toStderr, toUnified;
-  };
   // clang-format off
-  const Case cases[] = {
+  // The two thresholds, a line's level, and how many lines reach each sink.
+  const std::tuple<const char *, const char *, LogLevel, size_t, size_t> cases[] = {
       {nullptr, nullptr, debug, 0, 0},      {nullptr, nullptr, info, 1, 1},
       {nullptr, nullptr, fault, 1, 1},      {" Warning\n", nullptr, info, 0, 1},
       {" Warning\n", nullptr, warning, 1, 1}, {nullptr, "debug", debug, 0, 1},
@@ -73,14 +69,15 @@ TEST_F(LoggerTest, RoutesLinesByTheEnvironmentThresholds) {
       {"fault", "fault", error, 0, 0},      {"verbose", "loud", debug, 0, 0},
       {"verbose", "", info, 1, 1},          {"warn", "  ", info, 1, 1}};
   // clang-format on
-  for (const Case &c : cases) {
-    setOrUnset(logLevelEnvironmentKey, c.stderrLevel);
-    setOrUnset(osLogMirrorLevelEnvironmentKey, c.mirrorLevel);
+  for (int row = 0; const auto &[stderrLevel, mirrorLevel, level, toStderr, toUnified] : cases) {
+    setOrUnset(logLevelEnvironmentKey, stderrLevel);
+    setOrUnset(osLogMirrorLevelEnvironmentKey, mirrorLevel);
     stderrLines.clear();
     const size_t unifiedBefore = unifiedLog->entries().size();
-    Log::log(c.level, LogCategory::tools, "routed");
-    EXPECT_EQ(stderrLines.size(), c.toStderr) << "case " << &c - cases;
-    EXPECT_EQ(unifiedLog->entries().size() - unifiedBefore, c.toUnified) << "case " << &c - cases;
+    Log::log(level, LogCategory::tools, "routed");
+    EXPECT_EQ(stderrLines.size(), toStderr) << "row " << row;
+    EXPECT_EQ(unifiedLog->entries().size() - unifiedBefore, toUnified) << "row " << row;
+    ++row;
   }
 }
 
