@@ -4,11 +4,16 @@
 
 #include "platform/PropertyListValue.h"
 
+#include <ostream>
 #include <string>
 
 namespace tavix::test {
 
 enum class PropertyListFormat { xml, binary };
+
+inline void PrintTo(PropertyListFormat format, std::ostream *out) {
+  *out << (format == PropertyListFormat::xml ? "XML" : "binary");
+}
 
 void writePropertyList(const std::string &path, const PropertyListDictionary &entries,
                        PropertyListFormat format);
