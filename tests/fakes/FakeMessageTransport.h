@@ -20,17 +20,9 @@ namespace tavix::test {
 class FakeMessageTransport final : public MessageTransport {
 public:
   // Queues a message for `run` to hand over.
-  void deliver(std::string message) {
-    std::lock_guard guard(lock_);
-    incoming_.push_back(std::move(message));
-    changed_.notify_all();
-  }
+  void deliver(std::string message) { change([&] { incoming_.push_back(std::move(message)); }); }
   // `run` returns once the messages delivered before have been handed over.
-  void endInput() {
-    std::lock_guard guard(lock_);
-    inputEnded_ = true;
-    changed_.notify_all();
-  }
+  void endInput() { change([&] { inputEnded_ = true; }); }
 
   void run(MessageHandler &handler) override {
     std::unique_lock guard(lock_);
@@ -39,30 +31,22 @@ public:
       if (closed_ || incoming_.empty())
         return;
       // Followed by readable bytes, as a real transport's messages are.
-      std::string message = std::move(incoming_.front());
+      std::string message = std::exchange(incoming_.front(), {});
+      incoming_.pop_front();
       const size_t length = message.size();
       message.append(messagePadding, '\0');
-      incoming_.pop_front();
       guard.unlock();
       handler.onMessage(std::string_view(message).substr(0, length));
       guard.lock();
     }
   }
   void send(std::string message) override {
-    if (failSends_) {
-      close();
-      return;
-    }
-    std::lock_guard guard(lock_);
-    sent_.push_back(std::move(message));
-    changed_.notify_all();
+    if (failSends_)
+      return close();
+    change([&] { sent_.push_back(std::move(message)); });
   }
   void close() override {
-    {
-      std::lock_guard guard(lock_);
-      closed_ = true;
-      changed_.notify_all();
-    }
+    change([&] { closed_ = true; });
     closing_.request_stop();
   }
   std::stop_token closing() const override { return closing_.get_token(); }
@@ -70,22 +54,11 @@ public:
   // transport closes.
   void failSends() { failSends_ = true; }
 
-  bool isClosed() const {
-    std::lock_guard guard(lock_);
-    return closed_;
-  }
-  // Every message sent so far, once at least `count` have been (or 10 s have passed).
-  std::vector<std::string> sent(size_t count = 0) const {
-    std::unique_lock guard(lock_);
-    changed_.wait_for(guard, std::chrono::seconds(10), [&] { return sent_.size() >= count; });
-    return sent_;
-  }
   // Every message sent so far, once `message` is among them (or 10 s have passed).
   std::vector<std::string> sentThrough(const std::string &message) const {
     std::unique_lock guard(lock_);
-    changed_.wait_for(guard, std::chrono::seconds(10), [&] {
-      return std::find(sent_.begin(), sent_.end(), message) != sent_.end();
-    });
+    changed_.wait_for(guard, std::chrono::seconds(10),
+                      [&] { return std::find(sent_.begin(), sent_.end(), message) != sent_.end(); });
     return sent_;
   }
   // Takes the messages sent so far.
@@ -95,6 +68,12 @@ public:
   }
 
 private:
+  template <typename Change> void change(Change apply) {
+    std::lock_guard guard(lock_);
+    apply();
+    changed_.notify_all();
+  }
+
   mutable std::mutex lock_;
   mutable std::condition_variable changed_;
   std::deque<std::string> incoming_;

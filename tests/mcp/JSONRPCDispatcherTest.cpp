@@ -1,11 +1,12 @@
-// The dispatcher over a transport without descriptors: what each message is answered
-// with, exactly, and which requests stay unanswered.
+// JSON-RPC over a transport without descriptors: the reply that answers each request
+// exactly once (or never, for a notification or a cancelled request), and the dispatcher
+// that answers each message, runs one request at a time and refuses or cancels the rest.
 
 #include "mcp/JSONRPCDispatcher.h"
 
-#include "fakes/CapturedLog.h"
 #include "fakes/FakeMessageTransport.h"
 #include "fakes/ReleaseGate.h"
+#include "mcp/LogLines.h"
 #include "support/RequestContext.h"
 
 #include <gtest/gtest.h>
@@ -20,139 +21,79 @@ namespace {
 
 using namespace std::chrono_literals;
 using nlohmann::json;
+using Strings = std::vector<std::string>;
 
-const std::string unanswered(const std::string &id) {
-  return R"({"error":{"code":-32603,"message":"Internal error: the server failed to answer this request."},"id":)" +
-         id + R"(,"jsonrpc":"2.0"})";
-}
-
-// Methods that do with their reply each thing a handler can do with it.
-JSONRPCDispatcher::MethodTable replyingMethods() {
-  return {
-      {"echo",
-       [](const JSONRPCRequest &request, JSONRPCReply reply) {
-         reply({{"params", request.params.value_or(json())}});
-       }},
-      {"fail", [](const JSONRPCRequest &, JSONRPCReply reply) { reply.error(-32602, "Invalid params: no"); }},
-      {"silent", [](const JSONRPCRequest &, JSONRPCReply) {}},
-      {"throw", [](const JSONRPCRequest &, JSONRPCReply) { throw std::runtime_error("boom"); }},
-      {"twice",
-       [](const JSONRPCRequest &, JSONRPCReply reply) {
-         reply(json::object());
-         reply.error(-32000, "again");
-       }},
-      {"elsewhere",
-       [](const JSONRPCRequest &, JSONRPCReply reply) {
-         std::thread([moved = std::move(reply)]() mutable { moved({{"thread", "other"}}); }).join();
-       }},
-  };
-}
-
-// Serves one message, then a request that the queue runs after it, and returns what was
-// sent before that request's answer. At end of input the dispatcher drops what has not
-// started yet, so the input stays open until everything before the last request is done.
-std::vector<std::string> serveOne(std::string message, JSONRPCDispatcher::MethodTable methods) {
-  methods.emplace("sync", [](const JSONRPCRequest &, JSONRPCReply reply) { reply("done"); });
-  const std::string syncAnswer = R"({"id":"sync","jsonrpc":"2.0","result":"done"})";
+// The reply to request 7, with what it sent, logged and did to its transport.
+struct Replying {
+  CapturedLog log;
   FakeMessageTransport transport;
-  JSONRPCDispatcher dispatcher(transport, std::move(methods));
-  auto serving = std::async(std::launch::async, [&] { dispatcher.serve(); });
-  transport.deliver(std::move(message));
-  transport.deliver(R"({"jsonrpc":"2.0","id":"sync","method":"sync"})");
-  transport.sentThrough(syncAnswer);
-  transport.endInput();
-  serving.wait();
-  std::vector<std::string> sent = transport.takeSent();
-  EXPECT_EQ(std::count(sent.begin(), sent.end(), syncAnswer), 1);
-  std::erase(sent, syncAnswer);
-  return sent;
-}
-
-struct IntakeCase {
-  const char *message;
-  std::vector<std::string> answers;
-  std::set<std::string> loggedEvents = {};
+  std::shared_ptr<JSONRPCResponseChannel> channel = std::make_shared<JSONRPCResponseChannel>(transport);
+  std::stop_source cancellation;
+  std::optional<JSONRPCReply> reply{std::in_place, JSONRPCId(7), "m", channel, cancellation.get_token()};
+  void answer(json result = json::object()) { (*reply)(std::move(result)); }
 };
 
-TEST(JSONRPCDispatcher, AnswersEachMessageExactly) {
-  const IntakeCase cases[] = {
-      {R"({"jsonrpc":"2.0","id":1,"method":"echo","params":{"x":[1,"é"]}})",
-       {R"({"id":1,"jsonrpc":"2.0","result":{"params":{"x":[1,"é"]}}})"}},
-      {R"({"jsonrpc":"2.0","id":"s","method":"fail"})",
-       {R"({"error":{"code":-32602,"message":"Invalid params: no"},"id":"s","jsonrpc":"2.0"})"}},
-      {R"({"jsonrpc":"2.0","id":2,"method":"silent"})", {unanswered("2")}, {"mcp_request_unanswered"}},
-      {R"({"jsonrpc":"2.0","id":"t","method":"throw"})", {unanswered(R"("t")")},
-       {"mcp_request_failed", "mcp_request_unanswered"}},
-      {R"({"jsonrpc":"2.0","id":4,"method":"twice"})", {R"({"id":4,"jsonrpc":"2.0","result":{}})"},
-       {"mcp_response_refused"}},
-      {R"({"jsonrpc":"2.0","id":5,"method":"elsewhere"})",
-       {R"({"id":5,"jsonrpc":"2.0","result":{"thread":"other"}})"}},
-      // Notifications, and ids that make a message one, are never answered.
-      {R"({"jsonrpc":"2.0","method":"echo"})", {}},
-      {R"({"jsonrpc":"2.0","method":"silent"})", {}},
-      {R"({"jsonrpc":"2.0","method":"throw"})", {}, {"mcp_request_failed"}},
-      {R"({"jsonrpc":"2.0","id":1.5,"method":"echo"})", {}},
-      {R"({"jsonrpc":"2.0","id":null,"method":"silent"})", {}},
-      {R"({"jsonrpc":"2.0","method":"nothing/such"})", {}},
-      {R"({"jsonrpc":"2.0","method":"ping"})", {}},
-      {R"({"jsonrpc":"2.0","method":"notifications/cancelled","params":{"requestId":1}})", {}},
-      // The method table.
-      {R"({"jsonrpc":"2.0","id":6,"method":"Echo"})",
-       {R"({"error":{"code":-32601,"message":"Method not found: Echo"},"id":6,"jsonrpc":"2.0"})"}},
-      {R"({"jsonrpc":"2.0","id":7,"method":"notifications/cancelled","params":{"requestId":1}})",
-       {R"({"error":{"code":-32601,"message":"Method not found: notifications/cancelled"},"id":7,"jsonrpc":"2.0"})"}},
-      {R"({"jsonrpc":"2.0","id":8,"method":"ping","params":{"ignored":true}})",
-       {R"({"id":8,"jsonrpc":"2.0","result":{}})"}},
-      // Messages that are not requests.
-      {"not json", {R"({"error":{"code":-32700,"message":"Parse error"},"jsonrpc":"2.0"})"}},
-      {"", {R"({"error":{"code":-32700,"message":"Parse error"},"jsonrpc":"2.0"})"}},
-      {"[1]", {R"({"error":{"code":-32600,"message":"Invalid Request"},"jsonrpc":"2.0"})"}},
-      {R"({"jsonrpc":"1.0","id":9,"method":"echo"})",
-       {R"({"error":{"code":-32600,"message":"Invalid Request"},"jsonrpc":"2.0"})"}},
-      {R"({"jsonrpc":"2.0","id":10,"method":7})",
-       {R"({"error":{"code":-32600,"message":"Invalid Request"},"jsonrpc":"2.0"})"}},
+TEST(JSONRPCReply, AnswersExactlyOnceAndNeverACancelledRequestThatEndsWithoutOne) {
+  const std::string ok = R"({"id":7,"jsonrpc":"2.0","result":{}})", eight = R"({"id":8,"jsonrpc":"2.0","result":{}})";
+  const std::string unanswered =
+      R"({"error":{"code":-32603,"message":"Internal error: the server failed to answer this request."},"id":7,"jsonrpc":"2.0"})";
+  const std::string unansweredLog = "level=error category=transport event=mcp_request_unanswered mcpRequestID=7 method=m";
+  const std::string refusedLog = "level=error category=transport event=mcp_response_refused mcpRequestID=7 method=m reason=already_answered";
+  const struct {
+    const char *name;
+    void (*handle)(Replying &); // the reply is dropped afterwards
+    Strings sent, logged = {};
+    bool closesTransport = false;
+  } cases[] = {
+      {"answered", [](Replying &r) { r.answer(); }, {ok}},
+      {"answered with an error", [](Replying &r) { r.reply->error(-1, "no"); }, {R"({"error":{"code":-1,"message":"no"},"id":7,"jsonrpc":"2.0"})"}},
+      {"dropped", [](Replying &) {}, {unanswered}, {unansweredLog}},
+      {"dropped after cancellation", [](Replying &r) { r.cancellation.request_stop(); }, {}},
+      {"answered after cancellation", [](Replying &r) { r.cancellation.request_stop(), r.answer(); }, {ok}},
+      {"answered twice", [](Replying &r) { r.reply->error(-1, "no"), r.answer(); },
+       {R"({"error":{"code":-1,"message":"no"},"id":7,"jsonrpc":"2.0"})"}, {refusedLog}},
+      {"moved to a thread and dropped there", [](Replying &r) { std::thread([m = std::move(*r.reply)] {}).join(); },
+       {unanswered}, {unansweredLog}},
+      {"answered, moved and answered again", [](Replying &r) { r.answer(), JSONRPCReply(std::move(*r.reply))({}); }, {ok}, {refusedLog}},
+      {"replaced unanswered", [](Replying &r) { *r.reply = JSONRPCReply(JSONRPCId(8), "m", r.channel), r.answer(); },
+       {unanswered, eight}, {unansweredLog}},
+      {"replaced after answering", [](Replying &r) { r.answer(), *r.reply = JSONRPCReply(JSONRPCId(8), "m", r.channel), r.answer(); },
+       {ok, eight}},
+      {"answered after the channel closed", [](Replying &r) { r.channel->close(), r.answer(); }, {},
+       {"level=warning category=transport event=mcp_response_dropped mcpRequestID=7 method=m reason=connection_closed"}},
+      {"answered with text that is not UTF-8", [](Replying &r) { r.answer({{"text", "\xff\xfe"}}); }, {},
+       {"level=error category=transport event=response_serialization_failed"}, true},
   };
   for (const auto &c : cases) {
-    SCOPED_TRACE(c.message);
-    CapturedLog log;
-    EXPECT_EQ(serveOne(c.message, replyingMethods()), c.answers);
-    for (const char *event : {"mcp_request_unanswered", "mcp_request_failed", "mcp_response_refused"})
-      EXPECT_EQ(log.withEvent(event).size(), c.loggedEvents.count(event)) << event;
+    Replying r;
+    c.handle(r);
+    r.reply.reset();
+    EXPECT_EQ(r.transport.takeSent(), c.sent) << c.name;
+    EXPECT_EQ(logLines(r.log), c.logged) << c.name;
+    EXPECT_EQ(r.transport.closing().stop_requested(), c.closesTransport) << c.name;
   }
 }
 
-// Methods that hold their requests in flight until released or cancelled. "hold" then
-// answers only when it was not cancelled; "hold-answer" answers either way.
-class HeldMethods : public ReleaseGate {
-public:
-  JSONRPCDispatcher::MethodTable table() {
-    return {{"hold",
-             [this](const JSONRPCRequest &request, JSONRPCReply reply) {
+// A dispatcher serving a fake transport on its own thread, with methods that answer with
+// their params ("echo"), throw, keep their reply for the test, or hold their request
+// until released or cancelled and then answer only when it was not cancelled ("hold")
+// or either way ("hold-answer").
+struct Served : ReleaseGate {
+  JSONRPCDispatcher::MethodTable methods() {
+    const auto hold = [this](const JSONRPCRequest &request) {
+      const auto context = RequestContext::current();
+      return pass(request.params->at("name"), context->correlationID(), context->cancellation());
+    };
+    return {{"echo", [](const JSONRPCRequest &request, JSONRPCReply reply) { reply(request.params.value_or(json::object())); }},
+            {"throw", [](const JSONRPCRequest &, JSONRPCReply) { throw std::runtime_error("boom"); }},
+            {"keep", [this](const JSONRPCRequest &, JSONRPCReply reply) { kept.emplace(std::move(reply)); }},
+            {"hold", [hold](const JSONRPCRequest &request, JSONRPCReply reply) {
                if (!hold(request))
                  reply({{"name", request.params->at("name")}});
              }},
-            {"hold-answer", [this](const JSONRPCRequest &request, JSONRPCReply reply) {
-               reply({{"cancelled", hold(request)}});
-             }}};
+            {"hold-answer", [hold](const JSONRPCRequest &request, JSONRPCReply reply) { reply({{"cancelled", hold(request)}}); }}};
   }
-
-private:
-  bool hold(const JSONRPCRequest &request) {
-    const auto context = RequestContext::current();
-    return pass(request.params->at("name"), context->correlationID(), context->cancellation());
-  }
-};
-
-// A dispatcher serving a fake transport on its own thread, with held methods.
-class Served {
-public:
-  explicit Served(size_t capacity = MCPStdioRequestQueue::defaultCapacity)
-      : dispatcher(transport, methods.table(), capacity),
-        serving(std::async(std::launch::async, [this] { dispatcher.serve(); })) {}
-  ~Served() {
-    transport.endInput();
-    serving.wait();
-  }
+  ~Served() { transport.endInput(), serving.wait(); }
   void request(const json &id, const std::string &name, const char *method = "hold") {
     json message = {{"jsonrpc", "2.0"}, {"method", method}, {"params", {{"name", name}}}};
     if (!id.is_null())
@@ -160,136 +101,157 @@ public:
     transport.deliver(message.dump());
   }
   void cancel(const json &params) {
-    json message = {{"jsonrpc", "2.0"}, {"method", "notifications/cancelled"}};
-    if (!params.is_null())
-      message["params"] = params;
-    transport.deliver(message.dump());
+    transport.deliver(json{{"jsonrpc", "2.0"}, {"method", "notifications/cancelled"}, {"params", params}}.dump());
   }
-  // Everything sent so far, once the reader has handled what came before this call.
-  std::vector<std::string> sentSoFar() {
-    transport.deliver(R"({"jsonrpc":"2.0","id":"sync","method":"ping"})");
-    auto sent = transport.sentThrough(R"({"id":"sync","jsonrpc":"2.0","result":{}})");
+  // Everything sent before the answer to a request that the reader takes after the
+  // messages before: "ping" is answered at once, even while a request runs, "echo" only
+  // after the requests in line before it.
+  Strings sentSoFar(const std::string &sync = "ping") {
+    const std::string id = std::to_string(-++syncs); // an id of its own: the last may not have left the queue yet
+    transport.deliver(R"({"jsonrpc":"2.0","method":")" + sync + R"(","id":)" + id + "}");
+    Strings sent = transport.sentThrough(R"({"id":)" + id + R"(,"jsonrpc":"2.0","result":{}})");
     transport.takeSent();
     sent.pop_back();
     return sent;
   }
 
-  HeldMethods methods;
+  int syncs = 1000;
+  std::optional<JSONRPCReply> kept;
   FakeMessageTransport transport;
-  JSONRPCDispatcher dispatcher;
-  std::future<void> serving;
+  JSONRPCDispatcher dispatcher{transport, methods()};
+  std::future<void> serving = std::async(std::launch::async, [this] { dispatcher.serve(); });
 };
 
-std::string refusal(const std::string &id, int code, const std::string &message) {
-  return R"({"error":{"code":)" + std::to_string(code) + R"(,"message":")" + message +
-         R"("},"id":)" + id + R"(,"jsonrpc":"2.0"})";
+TEST(JSONRPCDispatcher, AnswersEachMessageExactly) {
+  std::vector<std::pair<std::string, Strings>> cases = {
+      {R"({"jsonrpc":"2.0","id":1,"method":"echo","params":{"x":[1,"é"]}})", {R"({"id":1,"jsonrpc":"2.0","result":{"x":[1,"é"]}})"}},
+      {R"({"jsonrpc":"2.0","id":2,"method":"echo","params":[1,2]})", {R"({"id":2,"jsonrpc":"2.0","result":{}})"}},
+      {R"({"jsonrpc":"2.0","id":"t","method":"throw"})",
+       {R"({"error":{"code":-32603,"message":"Internal error: the server failed to answer this request."},"id":"t","jsonrpc":"2.0"})"}},
+      {R"({"jsonrpc":"2.0","id":6,"method":"Echo"})", {R"({"error":{"code":-32601,"message":"Method not found: Echo"},"id":6,"jsonrpc":"2.0"})"}},
+      {R"({"jsonrpc":"2.0","id":7,"method":"notifications/cancelled","params":{"requestId":1}})",
+       {R"({"error":{"code":-32601,"message":"Method not found: notifications/cancelled"},"id":7,"jsonrpc":"2.0"})"}},
+      {R"({"jsonrpc":"2.0","id":8,"method":"ping","params":{"ignored":true}})", {R"({"id":8,"jsonrpc":"2.0","result":{}})"}},
+      {"not json", {R"({"error":{"code":-32700,"message":"Parse error"},"jsonrpc":"2.0"})"}},
+  };
+  // Notifications are never answered; "keep" is answered after the connection ends, below.
+  for (const char *unanswered : {R"({"jsonrpc":"2.0","method":"echo"})", R"({"jsonrpc":"2.0","method":"throw"})",
+                                 R"({"jsonrpc":"2.0","method":"ping"})", R"({"jsonrpc":"2.0","id":9,"method":"keep"})"})
+    cases.push_back({unanswered, {}});
+  for (const char *notARequest : {"[1]", R"("echo")", R"({"id":1,"method":"echo"})", R"({"jsonrpc":2.0,"id":1,"method":"echo"})",
+                                  R"({"jsonrpc":"2.0 ","id":1,"method":"echo"})", R"({"jsonrpc":"2.0","id":1})",
+                                  R"({"jsonrpc":"2.0","id":1,"method":null})", R"({"jsonrpc":"2.0","id":1,"method":["echo"]})"})
+    cases.push_back({notARequest, {R"({"error":{"code":-32600,"message":"Invalid Request"},"jsonrpc":"2.0"})"}});
+  // Ids are 64-bit integers (a number without a fraction counts) or texts, 7 and "7"
+  // apart; anything else makes the request a notification.
+  for (const auto &[id, echoed] : std::vector<std::pair<std::string, std::string>>{
+           {"7", "7"}, {"-12", "-12"}, {"\"7\"", "\"7\""}, {"\"\"", "\"\""}, {"3.0", "3"},
+           {"9223372036854775807", "9223372036854775807"}, {"9223372036854775808", ""},
+           {"-9223372036854775808", "-9223372036854775808"}, {"9223372036854774784.0", "9223372036854774784"},
+           {"9223372036854775808.0", ""}, {"-9223372036854775808.0", "-9223372036854775808"},
+           {"-9223372036854777856.0", ""}, {"1.5", ""}, {"1e300", ""}, {"null", ""}, {"true", ""}, {"[1]", ""}, {R"({"a":1})", ""}})
+    cases.push_back({R"({"jsonrpc":"2.0","method":"echo","id":)" + id + "}",
+                     echoed.empty() ? Strings{} : Strings{R"({"id":)" + echoed + R"(,"jsonrpc":"2.0","result":{}})"}});
+  CapturedLog log;
+  Served s;
+  for (const auto &[message, answers] : cases) {
+    s.transport.deliver(message);
+    EXPECT_EQ(s.sentSoFar("echo"), answers) << message;
+  }
+  // A request that throws is logged, and when it has an id answered as unanswered.
+  EXPECT_EQ(log.withEvent("mcp_request_failed").size(), 2u);
+  EXPECT_EQ(log.withEvent("mcp_request_unanswered").size(), 1u);
+  // A reply completed after the connection ended is dropped.
+  s.transport.endInput();
+  s.serving.wait();
+  s.kept->operator()(json::object());
+  EXPECT_EQ(s.transport.takeSent(), Strings{});
+  EXPECT_EQ(log.withEvent("mcp_response_dropped").size(), 1u);
 }
 
-TEST(JSONRPCDispatcherAdmission, RefusesOverflowAndDuplicatesAtOnceAndAcceptsAnIdAgainWhenItIsDone) {
+std::string answer(int id, const std::string &name) {
+  return R"({"id":)" + std::to_string(id) + R"(,"jsonrpc":"2.0","result":{"name":")" + name + "\"}}";
+}
+std::string refusal(const std::string &id, int code, const std::string &message) {
+  return R"({"error":{"code":)" + std::to_string(code) + R"(,"message":")" + message + R"("},"id":)" + id + R"(,"jsonrpc":"2.0"})";
+}
+
+TEST(JSONRPCDispatcher, OneRequestRunsEightWaitAndTheRestAreRefusedAtOnce) {
   const std::string full = "Request queue is full; retry after the active request finishes.";
   const std::string duplicate = "Request ID is already active on this connection.";
-  Served s(1);
-  s.request(1, "running");
-  s.methods.started(1);
-  s.request(2, "waiting"); // the last place in line
-  s.request(3, "over");
+  Served s;
+  Strings order, answers;
+  for (int i = 1; i <= 9; ++i) {
+    s.request(i, order.emplace_back(std::to_string(i)));
+    answers.push_back(answer(i, order.back()));
+  }
+  s.request(10, "over");
   s.request(json(), "quiet"); // a notification over the limit is refused silently
   s.request(1, "same as running");
-  s.request(2, "same as waiting");
+  s.request(9, "same as waiting");
   s.request("1", "a text id is another id");
-  EXPECT_EQ(s.sentSoFar(), (std::vector<std::string>{refusal("3", -32000, full),
-                                                      refusal("1", -32600, duplicate),
-                                                      refusal("2", -32600, duplicate),
-                                                      refusal(R"("1")", -32000, full)}));
-  s.methods.release("running");
-  EXPECT_EQ(s.transport.sent(1).at(0), R"({"id":1,"jsonrpc":"2.0","result":{"name":"running"}})");
-  s.methods.started(2);
-  s.request(1, "again");
-  s.methods.release("waiting");
-  s.methods.release("again");
-  EXPECT_EQ(s.transport.sent(3), (std::vector<std::string>{
-                                     R"({"id":1,"jsonrpc":"2.0","result":{"name":"running"}})",
-                                     R"({"id":2,"jsonrpc":"2.0","result":{"name":"waiting"}})",
-                                     R"({"id":1,"jsonrpc":"2.0","result":{"name":"again"}})"}));
-  EXPECT_EQ(s.methods.started(3), (std::vector<std::string>{"running", "waiting", "again"}));
+  EXPECT_EQ(s.sentSoFar(), (Strings{refusal("10", -32000, full), refusal("1", -32600, duplicate),
+                                    refusal("9", -32600, duplicate), refusal(R"("1")", -32000, full)}));
+  EXPECT_EQ(s.started(1), Strings{"1"});
+  s.release("1");
+  s.started(2); // the first has finished, so its id is free again
+  s.request(1, order.emplace_back("again"));
+  answers.push_back(answer(1, "again"));
+  for (const auto &name : order)
+    s.release(name);
+  EXPECT_EQ(s.transport.sentThrough(answers.back()), answers);
+  EXPECT_EQ(s.started(10), order); // one at a time, in arrival order, each under an id of its own
+  const auto ids = s.correlationIDs();
+  EXPECT_EQ(std::set<std::string>(ids.begin(), ids.end()).size(), 10u);
 }
 
-TEST(JSONRPCDispatcherCancellation, CancelledRequestsStayUnanswered) {
+TEST(JSONRPCDispatcher, CancelledRequestsStayUnansweredAndCancellationsOfNoRequestChangeNothing) {
+  CapturedLog log;
   Served s;
   s.request(1, "running");
   s.request(2, "waiting");
   s.request(3, "next");
-  s.methods.started(1);
-  s.cancel({{"requestId", 2}});
-  s.cancel({{"requestId", 1}});
-  EXPECT_EQ(s.methods.started(2), (std::vector<std::string>{"running", "next"}));
-  s.methods.release("next");
-  EXPECT_EQ(s.transport.sent(1),
-            std::vector<std::string>{R"({"id":3,"jsonrpc":"2.0","result":{"name":"next"}})"});
-  EXPECT_EQ(s.methods.cancelled(), std::vector<std::string>{"running"});
-  EXPECT_EQ(s.sentSoFar().size(), 1u);
-}
-
-TEST(JSONRPCDispatcherCancellation, CancellationsThatNameNoRequestChangeNothing) {
-  Served s;
-  s.request(1, "running");
-  s.methods.started(1);
-  for (const json &params : {json(), json::object(), json{{"requestId", nullptr}},
-                             json{{"requestId", 1.5}}, json{{"requestId", {{"id", 1}}}},
-                             json{{"requestId", "1"}}, json{{"requestId", 2}}, json{{"id", 1}}})
+  s.started(1);
+  for (const json &params : {json(), json::object(), json{{"requestId", nullptr}}, json{{"requestId", 1.5}},
+                             json{{"requestId", {{"id", 1}}}}, json{{"requestId", "1"}}, json{{"requestId", 4}}, json{{"id", 1}}})
     s.cancel(params);
-  EXPECT_EQ(s.sentSoFar(), std::vector<std::string>{});
-  s.methods.release("running");
-  EXPECT_EQ(s.transport.sent(1),
-            std::vector<std::string>{R"({"id":1,"jsonrpc":"2.0","result":{"name":"running"}})"});
-  EXPECT_EQ(s.methods.cancelled(), std::vector<std::string>{});
+  s.cancel({{"requestId", 2}, {"reason", "user"}});
+  s.cancel({{"requestId", 1}});
+  EXPECT_EQ(s.started(2), (Strings{"running", "next"}));
+  s.release("next");
+  EXPECT_EQ(s.sentSoFar("echo"), Strings{answer(3, "next")});
+  EXPECT_EQ(s.cancelled(), Strings{"running"});
+  const std::string cancelled = "level=info category=transport event=mcp_request_cancelled mcpRequestID=";
+  const auto lines = logLines(log, "mcp_request_cancelled");
+  ASSERT_EQ(lines.size(), 2u);
+  EXPECT_TRUE(lines[0].starts_with(cancelled + "2 requestID=")) << lines[0];
+  EXPECT_EQ(lines[1], cancelled + "1 requestID=" + s.correlationIDs().at(0));
 }
 
-TEST(JSONRPCDispatcherCancellation, AtEndOfInputTheRunningRequestIsCancelledAndItsAnswerStillSent) {
-  Served s;
-  s.request(1, "running", "hold-answer");
-  s.request(2, "waiting", "hold-answer");
-  s.methods.started(1);
-  s.transport.endInput();
-  s.serving.wait();
-  EXPECT_EQ(s.transport.takeSent(),
-            std::vector<std::string>{R"({"id":1,"jsonrpc":"2.0","result":{"cancelled":true}})"});
-  EXPECT_EQ(s.methods.started(1), std::vector<std::string>{"running"});
-}
-
-TEST(JSONRPCDispatcherCancellation, ClosingTheTransportCancelsTheRunningRequestAndDropsTheWaiting) {
-  Served s;
-  s.request(1, "running");
-  s.request(2, "waiting");
-  s.methods.started(1);
-  s.transport.close();
-  EXPECT_EQ(s.serving.wait_for(10s), std::future_status::ready);
-  EXPECT_EQ(s.methods.started(1), std::vector<std::string>{"running"});
-  EXPECT_EQ(s.methods.cancelled(), std::vector<std::string>{"running"});
-  EXPECT_EQ(s.transport.takeSent(), std::vector<std::string>{});
-}
-
-TEST(JSONRPCDispatcherCancellation, AnAnswerTheTransportCannotTakeStopsTheNextRequestFromStarting) {
-  Served s;
-  s.request(1, "first", "hold-answer");
-  s.request(2, "second", "hold-answer");
-  s.methods.started(1);
-  s.transport.failSends();
-  s.methods.release("first"); // its answer closes the transport, on the request's thread
-  EXPECT_EQ(s.serving.wait_for(10s), std::future_status::ready);
-  EXPECT_EQ(s.methods.started(1), std::vector<std::string>{"first"});
-}
-
-TEST(JSONRPCDispatcher, AReplyCompletedAfterTheConnectionEndedIsDropped) {
-  CapturedLog log;
-  std::optional<JSONRPCReply> kept;
-  JSONRPCDispatcher::MethodTable methods = {
-      {"keep", [&](const JSONRPCRequest &, JSONRPCReply reply) { kept.emplace(std::move(reply)); }}};
-  EXPECT_EQ(serveOne(R"({"jsonrpc":"2.0","id":1,"method":"keep"})", std::move(methods)),
-            std::vector<std::string>{});
-  ASSERT_TRUE(kept);
-  (*kept)(json::object());
-  EXPECT_EQ(log.withEvent("mcp_response_dropped").size(), 1u);
+TEST(JSONRPCDispatcher, TheEndOfTheConnectionCancelsTheRunningRequestAndDropsTheWaiting) {
+  const std::string cancelledAnswer = R"({"id":1,"jsonrpc":"2.0","result":{"cancelled":true}})";
+  const struct {
+    const char *name;
+    void (*end)(Served &);
+    Strings sent, cancelled;
+  } cases[] = {
+      // A cancelled request whose work still produced a result gets it.
+      {"end of input", [](Served &s) { s.transport.endInput(); }, {cancelledAnswer}, {"running"}},
+      {"transport closed", [](Served &s) { s.transport.close(); }, {cancelledAnswer}, {"running"}},
+      // Its answer closes the transport, on the request's thread, before the next can start.
+      {"an answer the transport cannot take", [](Served &s) { s.transport.failSends(), s.release("running"); }, {}, {}},
+  };
+  for (const auto &c : cases) {
+    Served s;
+    s.request(1, "running", "hold-answer");
+    s.request(2, "waiting", "hold-answer");
+    s.started(1);
+    c.end(s);
+    EXPECT_EQ(s.serving.wait_for(10s), std::future_status::ready) << c.name;
+    EXPECT_EQ(s.transport.takeSent(), c.sent) << c.name;
+    EXPECT_EQ(s.started(1), Strings{"running"}) << c.name;
+    EXPECT_EQ(s.cancelled(), c.cancelled) << c.name;
+  }
 }
 
 } // namespace

@@ -1,264 +1,268 @@
-// "tools/call" in the server: the correlation id of each call, the host's turn context,
-// the start and end of every call in the log, and every failure as an error result.
+// "tools/call" in the server: the host's turn context, the correlation id of each call,
+// every outcome as a result framed by two log lines, and the heartbeat that the first
+// call to reach the runtime app starts and the end of the connection stops. The
+// heartbeat's waits are the test's to pass.
 
 #include "mcp/ToolsCall.h"
 
-#include "fakes/BlockingToolDispatcher.h"
-#include "fakes/CapturedLog.h"
-#include "fakes/FakeMessageTransport.h"
+#include "fakes/ReleaseGate.h"
+#include "mcp/LogLines.h"
+#include "testing/Pipe.h"
 #include "testing/ToolCallHarness.h"
 
 #include <gtest/gtest.h>
 
-#include <barrier>
 #include <future>
+#include <regex>
 #include <stdexcept>
 #include <thread>
 
 namespace tavix::test {
 namespace {
 
+using namespace std::chrono_literals;
 using nlohmann::json;
+using Strings = std::vector<std::string>;
+const json listApps = {{"name", "list_apps"}};
 
-
-std::string fieldsOf(const std::string &line, std::string_view event) {
-  const std::string marker = " event=" + std::string(event) + " ";
-  const size_t at = line.find(marker);
-  std::string fields = at == std::string::npos ? line : line.substr(at + marker.size());
-  if (fields.ends_with('\n'))
-    fields.pop_back();
-  return fields;
-}
-
-TEST(ReadTurnContext, OnlyANonBlankSessionMakesAContext) {
-  const struct {
-    const char *meta;
-    std::optional<ComputerUseHostTurnContext> context;
-  } cases[] = {
-      {R"({"com.tavix/turnContext":{"sessionId":"s","turnId":"t"}})", ComputerUseHostTurnContext{"s", "t"}},
+TEST(ToolsCall, OnlyANonBlankSessionMakesATurnContext) {
+  const std::pair<const char *, std::optional<ComputerUseHostTurnContext>> cases[] = {
       {R"({"com.tavix/turnContext":{"sessionId":" s\n","turnId":"\tt "}})", ComputerUseHostTurnContext{"s", "t"}},
       {R"({"com.tavix/turnContext":{"sessionId":"s","turnId":"  "}})", ComputerUseHostTurnContext{"s", std::nullopt}},
       {R"({"com.tavix/turnContext":{"sessionId":"s","turnId":7}})", ComputerUseHostTurnContext{"s", std::nullopt}},
-      {R"({"com.tavix/turnContext":{"sessionId":"s"}})", ComputerUseHostTurnContext{"s", std::nullopt}},
       {R"({"com.tavix/turnContext":{"sessionId":"  ","turnId":"t"}})", std::nullopt},
-      {R"({"com.tavix/turnContext":{"sessionId":""}})", std::nullopt},
       {R"({"com.tavix/turnContext":{"sessionId":1}})", std::nullopt},
       {R"({"com.tavix/turnContext":{"turnId":"t"}})", std::nullopt},
       {R"({"com.tavix/turnContext":"s"})", std::nullopt},
       {R"({"com.tavix/turncontext":{"sessionId":"s"}})", std::nullopt},
-      {R"({"sessionId":"s"})", std::nullopt},
       {R"("s")", std::nullopt},
-      {"null", std::nullopt},
   };
-  for (const auto &c : cases) {
-    const json meta = json::parse(c.meta);
-    EXPECT_EQ(readTurnContext(&meta), c.context) << c.meta;
+  for (const auto &[text, context] : cases) {
+    const json meta = json::parse(text);
+    EXPECT_EQ(readTurnContext(&meta), context) << text;
   }
   EXPECT_EQ(readTurnContext(nullptr), std::nullopt);
 }
 
-TEST(ToolsCall, DurationsAreRoundedToTheNearestMillisecond) {
+TEST(ToolsCall, TheLogRoundsDurationsAndCutsTheAppAfter120Characters) {
   using std::chrono::microseconds;
-  const std::pair<std::chrono::steady_clock::duration, int64_t> cases[] = {
-      {microseconds(0), 0},    {microseconds(499), 0},      {microseconds(500), 1},
-      {microseconds(1499), 1}, {microseconds(1500), 2},     {std::chrono::seconds(120), 120000},
-  };
-  for (const auto &[elapsed, milliseconds] : cases)
-    EXPECT_EQ(roundedMilliseconds(elapsed), milliseconds) << elapsed.count();
+  for (const auto &[elapsed, rounded] : {std::pair(microseconds(499), 0), std::pair(microseconds(500), 1),
+                                         std::pair(microseconds(1499), 1), std::pair(microseconds(1500), 2)})
+    EXPECT_EQ(roundedMilliseconds(elapsed), rounded) << elapsed.count();
+  const std::string app120 = std::string(119, 'a') + "\xc3\xa9";  // 120 characters, 121 bytes
+  const std::string app121 = std::string(120, 'a') + "e\xcc\x81"; // 121: e and its accent are one
+  EXPECT_EQ(appLogText({{"app", app120}}), app120);
+  EXPECT_EQ(appLogText({{"app", app121}}), std::string(120, 'a') + "...");
 }
 
-TEST(ToolsCall, TheStartOfEachCallIsLoggedWithItsToolIdAndApp) {
-  const std::string app120 = std::string(119, 'a') + "\xc3\xa9";     // 120 characters, 121 bytes
-  const std::string app121 = std::string(120, 'a') + "e\xcc\x81";    // 121 characters: e and its accent are one
+// The lines that frame each call, without its correlation id and duration, which vary.
+Strings callLines(const CapturedLog &log) {
+  Strings lines;
+  for (const char *event : {"tool_call_started", "tool_call_finished"})
+    for (const auto &line : logLines(log, event))
+      lines.push_back(std::regex_replace(line, std::regex(" (requestId|durationMs)=[^ ]*"), ""));
+  return lines;
+}
+
+TEST(ToolsCall, EveryOutcomeIsAResultFramedByTwoLogLines) {
+  const auto error = [](const std::string &text) {
+    return answer(R"({"content":[{"text":")" + text + R"(","type":"text"}],"isError":true})");
+  };
+  const std::string missingName = R"({"error":{"code":-32602,"message":"Invalid params: missing tool name"},"id":1,"jsonrpc":"2.0"})";
   const struct {
     json params;
     std::optional<JSONRPCId> id;
-    std::string fields;
-  } cases[] = {
-      {{{"name", "click"}, {"arguments", {{"app", "Notes"}}}}, JSONRPCId(1), "appBundleID=Notes mcpRequestID=1 tool=click"},
-      {{{"name", "click"}, {"arguments", {{"app", 7}}}}, JSONRPCId("abc"), "appBundleID=<none> mcpRequestID=abc tool=click"},
-      {{{"name", "list_apps"}}, std::nullopt, "appBundleID=<none> mcpRequestID=notification tool=list_apps"},
-      {{{"name", "click"}, {"arguments", {{"app", app120}}}}, JSONRPCId(2), "appBundleID=" + app120 + " mcpRequestID=2 tool=click"},
-      {{{"name", "click"}, {"arguments", {{"app", app121}}}}, JSONRPCId(3),
-       "appBundleID=" + std::string(120, 'a') + "... mcpRequestID=3 tool=click"},
-  };
-  for (const auto &c : cases) {
-    CapturedLog log;
-    ToolCallHarness harness;
-    harness.runtime().scriptDefault(textReply);
-    harness.call(c.params, c.id);
-    const auto started = log.withEvent("tool_call_started");
-    ASSERT_EQ(started.size(), 1u);
-    EXPECT_NE(started[0].find(" level=info "), std::string::npos);
-    EXPECT_NE(started[0].find(" category=transport "), std::string::npos);
-    EXPECT_EQ(fieldsOf(started[0], "tool_call_started").substr(fieldsOf(started[0], "tool_call_started").find(' ') + 1),
-              c.fields);
-  }
-}
-
-// Tools that throw, for the one outcome a gateway never produces.
-class ThrowingTools final : public MCPTools {
-public:
-  const json &list() const override {
-    static const json none = json::array();
-    return none;
-  }
-  ToolCallResult dispatch(const std::string &, const json &, const std::optional<ComputerUseHostTurnContext> &) override {
-    throw std::runtime_error("exploded");
-  }
-};
-
-TEST(ToolsCall, EveryOutcomeIsAResultAndItsEndIsLoggedAtItsLevel) {
-  const struct {
-    const char *name;
-    json params;
     ScriptedRequestTransport::Reply reply;
-    std::string result;
-    std::string level;
-    std::string fields; // after durationMs
+    std::optional<std::string> answer;
+    std::string started, level, finished; // the fields of each line but the tool
   } cases[] = {
-      {"success", {{"name", "list_apps"}}, textReply, R"({"content":[{"text":"done","type":"text"}]})", "info",
-       "outcome=success tool=list_apps"},
-      {"runtime failure in the response",
-       {{"name", "list_apps"}},
+      {listApps, JSONRPCId(1), textReply, answer(doneResult), "appBundleID=<none> mcpRequestID=1", "info", "outcome=success"},
+      {{{"name", "list_apps"}, {"arguments", {{"app", 7}}}}, JSONRPCId("abc"),
        std::string(R"({"content":[{"type":"text","text":"no"}],"isError":true})"),
-       R"({"content":[{"text":"no","type":"text"}],"isError":true})",
-       "info",
-       "outcome=tool_error tool=list_apps"},
-      {"argument error",
-       {{"name", "type_text"}, {"arguments", {{"app", "Notes"}}}},
-       textReply,
-       R"({"content":[{"text":"Missing required argument: text","type":"text"}],"isError":true})",
-       "warning",
-       "error=\"ToolError(domain=tavix.tools,code=0)\" outcome=tool_error tool=type_text"},
-      {"client failure",
-       {{"name", "list_apps"}},
-       tl::unexpected(ClientFailure(ClientError::runtimeNotRunning())),
-       R"({"content":[{"text":"Internal error: TavixComputerUseRuntime is not running","type":"text"}],"isError":true})",
-       "error",
-       "error=\"ClientError(domain=tavix.client,code=4)\" outcome=internal_error tool=list_apps"},
-      {"reply that is not the response",
-       {{"name", "list_apps"}},
-       std::string(R"({"content":"x","isError":false})"),
-       R"({"content":[{"text":"Internal error: Response decoding failed for ComputerUseIPCListAppsRequest: Expected an array for \"content\"","type":"text"}],"isError":true})",
-       "error",
-       "error=\"ComputerUseClientError(domain=tavix.client,code=0)\" outcome=internal_error tool=list_apps"},
-      {"arguments that are not an object count as none",
-       {{"name", "get_app_state"}, {"arguments", "Notes"}},
-       textReply,
-       R"({"content":[{"text":"Missing required argument: app","type":"text"}],"isError":true})",
-       "warning",
-       "error=\"ToolError(domain=tavix.tools,code=0)\" outcome=tool_error tool=get_app_state"},
+       R"({"id":"abc","jsonrpc":"2.0","result":{"content":[{"text":"no","type":"text"}],"isError":true}})",
+       "appBundleID=<none> mcpRequestID=abc", "info", "outcome=tool_error"},
+      // A notification's tool still runs.
+      {{{"name", "press_key"}, {"arguments", {{"app", "Notes"}, {"key", "a"}}}}, std::nullopt, textReply, std::nullopt,
+       "appBundleID=Notes mcpRequestID=notification", "info", "outcome=success"},
+      // Arguments that are not an object count as none.
+      {{{"name", "get_app_state"}, {"arguments", "Notes"}}, JSONRPCId(1), textReply, error("Missing required argument: app"),
+       "appBundleID=<none> mcpRequestID=1", "warning", "error=\"ToolError(domain=tavix.tools,code=0)\" outcome=tool_error"},
+      {listApps, JSONRPCId(1), tl::unexpected(ClientFailure(ClientError::runtimeNotRunning())),
+       error("Internal error: TavixComputerUseRuntime is not running"), "appBundleID=<none> mcpRequestID=1", "error",
+       "error=\"ClientError(domain=tavix.client,code=4)\" outcome=internal_error"},
+      // A missing or non-text name is the only JSON-RPC error; no tool runs.
+      {json::object(), JSONRPCId(1), textReply, missingName},
+      {{{"name", nullptr}, {"arguments", {{"app", "Notes"}}}}, JSONRPCId(1), textReply, missingName},
   };
   for (const auto &c : cases) {
-    SCOPED_TRACE(c.name);
+    SCOPED_TRACE(c.params.dump());
     CapturedLog log;
     ToolCallHarness harness;
     harness.runtime().scriptDefault(c.reply);
-    EXPECT_EQ(harness.call(c.params), answer(c.result));
-    const auto finished = log.withEvent("tool_call_finished");
-    ASSERT_EQ(finished.size(), 1u);
-    EXPECT_NE(finished[0].find(" level=" + c.level + " "), std::string::npos) << finished[0];
-    const std::string fields = fieldsOf(finished[0], "tool_call_finished");
-    const std::string afterRequest = fields.substr(fields.find(' ') + 1); // requestId first
-    ASSERT_TRUE(afterRequest.starts_with("durationMs=")) << fields;
-    EXPECT_EQ(afterRequest.substr(afterRequest.find(' ') + 1), c.fields);
+    EXPECT_EQ(harness.call(c.params, c.id), c.answer);
+    const auto name = c.params.find("name");
+    Strings lines; // none when no tool runs
+    if (name != c.params.end() && name->is_string())
+      lines = {"level=info category=transport event=tool_call_started " + c.started + " tool=" + name->get<std::string>(),
+               "level=" + c.level + " category=transport event=tool_call_finished " + c.finished + " tool=" + name->get<std::string>()};
+    EXPECT_EQ(callLines(log), lines);
   }
 }
 
 TEST(ToolsCall, AToolThatThrowsIsAnInternalErrorResult) {
+  struct ThrowingTools final : MCPTools {
+    const json &list() const override { throw std::logic_error("not listed"); }
+    ToolCallResult dispatch(const std::string &, const json &, const std::optional<ComputerUseHostTurnContext> &) override {
+      throw std::runtime_error("exploded");
+    }
+  };
   CapturedLog log;
   ComputerUseMCPServer server(MCPServerMode::computerUse, std::make_shared<ThrowingTools>());
   FakeMessageTransport output;
-  const JSONRPCRequest request{"2.0", JSONRPCId(4), "tools/call", json{{"name", "x"}}};
-  server.methods().at("tools/call")(request, JSONRPCReply(request.id, request.method,
-                                                          std::make_shared<JSONRPCResponseChannel>(output)));
-  EXPECT_EQ(output.takeSent(),
-            std::vector<std::string>{
-                R"({"id":4,"jsonrpc":"2.0","result":{"content":[{"text":"Internal error: exploded","type":"text"}],"isError":true}})"});
-  const auto finished = log.withEvent("tool_call_finished");
-  ASSERT_EQ(finished.size(), 1u);
-  EXPECT_NE(finished[0].find(" level=error "), std::string::npos);
-  EXPECT_NE(finished[0].find(" outcome=internal_error tool=x"), std::string::npos) << finished[0];
+  server.methods().at("tools/call")({"2.0", JSONRPCId(1), "tools/call", json{{"name", "x"}}},
+                                    JSONRPCReply(JSONRPCId(1), "tools/call", std::make_shared<JSONRPCResponseChannel>(output)));
+  EXPECT_EQ(output.takeSent(), Strings{answer(R"({"content":[{"text":"Internal error: exploded","type":"text"}],"isError":true})")});
+  EXPECT_EQ(callLines(log).at(1), "level=error category=transport event=tool_call_finished "
+                                  "error=\"std::exception(domain=tavix.tools,code=0)\" outcome=internal_error tool=x");
 }
 
-TEST(ToolsCall, AMissingToolNameIsTheOnlyJSONRPCError) {
-  ToolCallHarness harness;
-  for (const json &params : {json::object(), json{{"name", 7}}, json{{"name", nullptr}}, json{{"arguments", {}}}})
-    EXPECT_EQ(harness.call(params), R"({"error":{"code":-32602,"message":"Invalid params: missing tool name"},"id":1,"jsonrpc":"2.0"})");
-  EXPECT_TRUE(harness.runtime().sent().empty());
-}
-
-TEST(ToolsCall, ANotificationStillRunsItsTool) {
+TEST(ToolsCall, EachCallRunsUnderTheRequestsCorrelationIdOrOneOfItsOwn) {
   ToolCallHarness harness;
   harness.runtime().scriptDefault(textReply);
-  EXPECT_EQ(harness.call({{"name", "press_key"}, {"arguments", {{"app", "Notes"}, {"key", "a"}}}}, std::nullopt), std::nullopt);
-  EXPECT_EQ(harness.runtime().sentTypes(), std::vector<std::string>{"ComputerUseIPCAppPerformActionRequest"});
-}
-
-TEST(ToolsCall, ACallOutsideARequestGetsACorrelationIdOfItsOwn) {
-  CapturedLog log;
-  ToolCallHarness harness;
-  harness.runtime().scriptDefault(textReply);
-  harness.call({{"name", "list_apps"}});
-  harness.call({{"name", "list_apps"}});
-  const auto sent = harness.runtime().sent();
-  ASSERT_EQ(sent.size(), 2u);
-  EXPECT_EQ(sent[0].correlationID.size(), 36u);
-  EXPECT_NE(sent[0].correlationID, sent[1].correlationID);
-  const auto started = log.withEvent("tool_call_started");
-  ASSERT_EQ(started.size(), 2u);
-  EXPECT_NE(started[0].find(" requestId=" + sent[0].correlationID + " "), std::string::npos) << started[0];
-  EXPECT_NE(log.withEvent("tool_call_finished").at(1).find(" requestId=" + sent[1].correlationID + " "), std::string::npos);
-  EXPECT_EQ(RequestContext::current()->correlationID(), ""); // nothing left behind
-}
-
-TEST(ToolsCall, TheRequestQueuesCorrelationIdFollowsTheCallToTheRuntime) {
-  CapturedLog log;
-  ToolCallHarness harness;
-  harness.runtime().scriptDefault(textReply);
-  FakeMessageTransport messages;
-  JSONRPCDispatcher dispatcher(messages, harness.server().methods());
-  auto serving = std::async(std::launch::async, [&] { dispatcher.serve(); });
-  messages.deliver(R"({"jsonrpc":"2.0","id":9,"method":"tools/call","params":{"name":"list_apps"}})");
-  EXPECT_EQ(messages.sent(1).at(0), R"({"id":9,"jsonrpc":"2.0","result":{"content":[{"text":"done","type":"text"}]}})");
-  messages.endInput();
-  serving.wait();
-  const std::string correlation = harness.runtime().sent().at(0).correlationID;
-  EXPECT_EQ(correlation.size(), 36u);
-  for (const auto event : {"tool_call_started", "tool_call_finished"})
-    EXPECT_NE(log.withEvent(event).at(0).find(" requestId=" + correlation + " "), std::string::npos) << event;
-}
-
-TEST(ToolsCall, ConcurrentCallsNeverSeeEachOthersCorrelationOrSession) {
-  constexpr int calls = 6;
-  ToolCallHarness harness;
-  harness.runtime().scriptDefault(textReply);
-  harness.runtime().hold(); // every call waits in the runtime until all are in flight
-  std::vector<std::string> correlations(calls);
-  std::vector<std::jthread> threads;
-  for (int i = 0; i < calls; ++i)
-    threads.emplace_back([&, i] {
-      correlations[i] = "correlation-" + std::to_string(i);
-      WithRequestContext scope(std::make_shared<const RequestContext>(correlations[i], std::stop_token()));
-      const json arguments = {{"app", "Notes"}, {"key", "k" + std::to_string(i)}, {"_meta", {{"sessionId", "s" + std::to_string(i)}}}};
-      harness.call({{"name", "press_key"}, {"arguments", arguments}});
-    });
-  const auto inFlight = harness.runtime().waitForSent(calls);
-  harness.runtime().release();
-  threads.clear();
-  ASSERT_EQ(inFlight.size(), size_t(calls));
-  std::set<std::string> seen;
-  for (const auto &request : inFlight) {
-    const json body = json::parse(request.body);
-    const std::string key = body["action"]["pressKey"]["_0"]["key"];
-    const std::string i = key.substr(1);
-    EXPECT_EQ(body["sessionId"], "s" + i);
-    EXPECT_EQ(request.sessionID, "s" + i);
-    EXPECT_EQ(request.correlationID, "correlation-" + i);
-    seen.insert(i);
+  harness.call(listApps);
+  harness.call(listApps);
+  {
+    WithRequestContext request(std::make_shared<const RequestContext>("request-7", std::stop_token()));
+    harness.call(listApps);
   }
-  EXPECT_EQ(seen.size(), size_t(calls));
+  EXPECT_EQ(RequestContext::current()->correlationID(), ""); // nothing left behind
+  const auto sent = harness.runtime().sent();
+  EXPECT_EQ(sent.at(0).correlationID.size(), 36u);
+  EXPECT_NE(sent.at(0).correlationID, sent.at(1).correlationID);
+  EXPECT_EQ(sent.at(2).correlationID, "request-7");
+}
+
+const std::string healthReply = R"({"generationID":"g","runtimePID":7,"bundleIdentifier":"b","bundlePath":"/r","isHealthy":true})";
+
+// A server over a runtime that answers, and counts as connected once it has. The waits
+// of its heartbeat are the gate's, named after their number and interval.
+struct SteppedServer : ReleaseGate {
+  explicit SteppedServer(ScriptedRequestTransport::Reply heartbeat = healthReply) {
+    harness.runtime().establishOnReply(true);
+    harness.runtime().scriptDefault(textReply);
+    harness.runtime().script("ComputerUseIPCHealthRequest", {std::move(heartbeat)});
+  }
+  ComputerUseMCPServer::Options options() {
+    ComputerUseMCPServer::Options options;
+    options.heartbeat.wait = [this](std::chrono::milliseconds interval, std::stop_token stop) {
+      pass(wait(++waits, interval), "", std::move(stop));
+    };
+    return options;
+  }
+  static std::string wait(int n, std::chrono::milliseconds interval = 30s) {
+    return "wait " + std::to_string(n) + " of " + std::to_string(interval.count()) + " ms";
+  }
+  std::vector<ScriptedRequestTransport::Sent> heartbeats() {
+    auto sent = harness.runtime().sent();
+    std::erase_if(sent, [](const auto &request) { return request.requestType != "ComputerUseIPCHealthRequest"; });
+    return sent;
+  }
+  bool running() { return harness.server().isRuntimeHeartbeatRunning(); }
+
+  int waits = 0; // counted on the heartbeat's thread
+  ToolCallHarness harness{MCPServerMode::computerUse, {}, options()};
+};
+
+TEST(RuntimeHeartbeat, OnlyACallThatEstablishesTheConnectionStartsItAndOnlyOnce) {
+  const struct {
+    bool establishedBefore;
+    ScriptedRequestTransport::Reply reply;
+    bool starts;
+  } cases[] = {
+      {false, textReply, true},
+      {false, std::string(R"({"content":[{"type":"text","text":"x"}],"isError":true})"), true},
+      {true, textReply, false},
+      {false, tl::unexpected(ClientFailure(ClientError::runtimeNotRunning())), false},
+  };
+  for (const auto &c : cases) {
+    SteppedServer s;
+    s.harness.runtime().setEstablished(c.establishedBefore);
+    s.harness.runtime().scriptDefault(c.reply);
+    s.harness.call(listApps);
+    EXPECT_EQ(s.running(), c.starts) << (&c - cases);
+    if (!c.starts)
+      continue;
+    s.started(1); // the heartbeat waits, so nothing but the calls changes the connection
+    for (int i = 0; i < 2; ++i)
+      s.harness.runtime().setEstablished(false), s.harness.call(listApps); // each establishes it anew
+    s.release(s.wait(1));
+    s.release(s.wait(2));
+    EXPECT_EQ(s.started(3), (Strings{s.wait(1), s.wait(2), s.wait(3)})); // sent at once, then after each
+    const auto sent = s.heartbeats();
+    ASSERT_EQ(sent.size(), 3u);
+    for (const auto &request : sent) {
+      EXPECT_EQ(request.body, R"({"refreshClientActivity":true})");
+      EXPECT_EQ(request.timeoutSeconds, 2.0);
+      EXPECT_NE(request.thread, std::this_thread::get_id());
+      EXPECT_EQ(request.thread, sent[0].thread);
+    }
+  }
+  // Nor does a request that is already cancelled.
+  RuntimeHeartbeat heartbeat(std::make_shared<ComputerUseClient>(std::make_unique<ScriptedRequestTransport>()), {});
+  std::stop_source cancelled;
+  cancelled.request_stop();
+  WithRequestContext cancelledRequest(std::make_shared<const RequestContext>("r", cancelled.get_token()));
+  heartbeat.startIfNeeded();
+  EXPECT_FALSE(heartbeat.isRunning());
+}
+
+TEST(RuntimeHeartbeat, FailuresAreLoggedAtMostOnceEveryTwoMinutes) {
+  std::atomic<std::chrono::steady_clock::duration> elapsed{};
+  const auto start = std::chrono::steady_clock::now();
+  CapturedLog log(nullptr, [&] { return start + elapsed.load(); });
+  SteppedServer s(tl::unexpected(ClientFailure(ClientError::sendFailed(-1712, "ComputerUseIPCHealthRequest", 2))));
+  s.harness.call(listApps);
+  const std::string failure =
+      "level=warning category=transport event=runtime_heartbeat_failed error=\"ClientError(domain=tavix.client,code=-1712)\"";
+  const std::pair<std::chrono::steady_clock::duration, Strings> steps[] = {
+      {0s, {failure}}, {0s, {failure}}, {119999ms, {failure}}, // the last moment inside the interval
+      {120s, {failure, failure + " suppressedCount=2"}}};
+  for (int i = 0; i < 4; ++i) {
+    elapsed = steps[i].first;
+    if (i > 0)
+      s.release(s.wait(i));
+    s.started(i + 1);
+    EXPECT_EQ(logLines(log, "runtime_heartbeat_failed"), steps[i].second) << i;
+  }
+  EXPECT_EQ(s.heartbeats().size(), 4u); // the loop keeps running
+}
+
+// One connection over pipes, ended by the server's stop while a call and a heartbeat wait
+// in the runtime: both are cancelled, and the heartbeat ends with the connection.
+TEST(RuntimeHeartbeat, TheEndOfTheConnectionStopsItAndCancelsTheOneUnderWay) {
+  CapturedLog log;
+  SteppedServer s;
+  Pipe input, output;
+  std::stop_source stop;
+  auto serving = std::async(std::launch::async, [&] {
+    runStdioTransport(s.harness.server(), input.readEnd(), output.writeEnd(), stop.get_token());
+  });
+  const auto framed = [](const std::string &body) { return "Content-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body; };
+  input.write(framed(R"({"jsonrpc":"2.0","id":1,"method":"tools/call","params":{"name":"list_apps"}})"));
+  s.started(1); // the call reached the runtime and started the heartbeat
+  s.harness.runtime().hold();
+  input.write(framed(R"({"jsonrpc":"2.0","id":2,"method":"tools/call","params":{"name":"list_apps"}})"));
+  s.release(s.wait(1));
+  s.harness.runtime().waitForSent(4);
+  stop.request_stop();
+  EXPECT_EQ(serving.wait_for(10s), std::future_status::ready);
+  input.closeWrite(); // so that a connection the stop did not end still ends
+  serving.wait();
+  EXPECT_FALSE(s.running());
+  EXPECT_EQ(s.started(1).size(), 1u);                              // it ended without waiting again
+  EXPECT_EQ(logLines(log, "runtime_heartbeat_failed"), Strings{}); // a cancelled heartbeat is no failure
+  // The answer goes out in the framing the host chose; the call the stop cancelled gets none.
+  EXPECT_EQ(output.readAvailable(), framed(answer(doneResult)));
 }
 
 } // namespace

@@ -1,6 +1,7 @@
 #pragma once
 // A pipe for tests of code that reads or writes descriptors.
 
+#include <algorithm>
 #include <cerrno>
 #include <stdexcept>
 #include <string>
@@ -27,57 +28,44 @@ inline void writeAll(int fd, std::string_view bytes) {
 class Pipe {
 public:
   Pipe() {
-    int fds[2];
-    if (::pipe(fds) != 0)
+    if (::pipe(fds_) != 0)
       throw std::runtime_error("pipe failed");
-    readEnd_ = fds[0];
-    writeEnd_ = fds[1];
   }
-  ~Pipe() {
-    closeRead();
-    closeWrite();
-  }
+  ~Pipe() { closeRead(), closeWrite(); }
   Pipe(const Pipe &) = delete;
   Pipe &operator=(const Pipe &) = delete;
 
-  int readEnd() const { return readEnd_; }
-  int writeEnd() const { return writeEnd_; }
-  void closeRead() {
-    if (readEnd_ >= 0)
-      ::close(std::exchange(readEnd_, -1));
-  }
-  void closeWrite() {
-    if (writeEnd_ >= 0)
-      ::close(std::exchange(writeEnd_, -1));
-  }
+  int readEnd() const { return fds_[0]; }
+  int writeEnd() const { return fds_[1]; }
+  void closeRead() { closeEnd(0); }
+  void closeWrite() { closeEnd(1); }
 
-  void write(std::string_view bytes) const { writeAll(writeEnd_, bytes); }
-
+  void write(std::string_view bytes) const { writeAll(fds_[1], bytes); }
   // Writes, then waits until the reader has taken every byte, so that the next write
   // arrives in a separate read.
   void writeAndDrain(std::string_view bytes) const {
     write(bytes);
-    int unread = 1;
-    while (ioctl(readEnd_, FIONREAD, &unread) == 0 && unread > 0)
+    while (unread() > 0)
       std::this_thread::yield();
   }
-
+  // What can be read without waiting.
   std::string readAvailable() const {
-    std::string result;
-    int unread = 0;
-    while (ioctl(readEnd_, FIONREAD, &unread) == 0 && unread > 0) {
-      std::string chunk(static_cast<size_t>(unread), '\0');
-      const ssize_t n = ::read(readEnd_, chunk.data(), chunk.size());
-      if (n <= 0)
-        break;
-      result.append(chunk, 0, static_cast<size_t>(n));
-    }
-    return result;
+    std::string bytes(static_cast<size_t>(unread()), '\0');
+    bytes.resize(static_cast<size_t>(std::max<ssize_t>(0, ::read(fds_[0], bytes.data(), bytes.size()))));
+    return bytes;
   }
 
 private:
-  int readEnd_ = -1;
-  int writeEnd_ = -1;
+  int unread() const {
+    int count = 0;
+    return ioctl(fds_[0], FIONREAD, &count) == 0 ? count : 0;
+  }
+  void closeEnd(int end) {
+    if (fds_[end] >= 0)
+      ::close(std::exchange(fds_[end], -1));
+  }
+
+  int fds_[2] = {-1, -1};
 };
 
 } // namespace tavix::test
