@@ -12,9 +12,7 @@ class CannedRequestTransport final : public ComputerUseRequestTransport {
 public:
   explicit CannedRequestTransport(std::string reply) : reply_(std::move(reply)) {}
   std::string_view transportName() const override { return "canned"; }
-  ClientResult<std::string> send(std::string_view, std::string, std::optional<double>) override {
-    return reply_;
-  }
+  ClientResult<std::string> send(std::string_view, std::string, std::optional<double>) override { return reply_; }
 
 private:
   const std::string reply_;

@@ -45,10 +45,7 @@ public:
       return close();
     change([&] { sent_.push_back(std::move(message)); });
   }
-  void close() override {
-    change([&] { closed_ = true; });
-    closing_.request_stop();
-  }
+  void close() override { change([&] { closed_ = true; }); closing_.request_stop(); }
   std::stop_token closing() const override { return closing_.get_token(); }
   // From now on a send fails as a broken output does: the message is lost and the
   // transport closes.
@@ -57,22 +54,14 @@ public:
   // Every message sent so far, once `message` is among them (or 10 s have passed).
   std::vector<std::string> sentThrough(const std::string &message) const {
     std::unique_lock guard(lock_);
-    changed_.wait_for(guard, std::chrono::seconds(10),
-                      [&] { return std::find(sent_.begin(), sent_.end(), message) != sent_.end(); });
+    changed_.wait_for(guard, std::chrono::seconds(10), [&] { return std::ranges::find(sent_, message) != sent_.end(); });
     return sent_;
   }
   // Takes the messages sent so far.
-  std::vector<std::string> takeSent() {
-    std::lock_guard guard(lock_);
-    return std::exchange(sent_, {});
-  }
+  std::vector<std::string> takeSent() { std::lock_guard guard(lock_); return std::exchange(sent_, {}); }
 
 private:
-  template <typename Change> void change(Change apply) {
-    std::lock_guard guard(lock_);
-    apply();
-    changed_.notify_all();
-  }
+  template <typename Change> void change(Change apply) { std::lock_guard guard(lock_); apply(); changed_.notify_all(); }
 
   mutable std::mutex lock_;
   mutable std::condition_variable changed_;

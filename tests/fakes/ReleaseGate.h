@@ -27,11 +27,7 @@ public:
       cancelled_.push_back(name);
     return cancelled;
   }
-  void release(const std::string &name) {
-    std::lock_guard guard(lock_);
-    released_.insert(name);
-    changed_.notify_all();
-  }
+  void release(const std::string &name) { std::lock_guard guard(lock_); released_.insert(name); changed_.notify_all(); }
   // The names of the pieces started, once there are `count`; those cancelled; the
   // correlation ids they started with.
   std::vector<std::string> started(size_t count) { return list(started_, count); }

@@ -39,12 +39,8 @@ TEST(JSONRPCReply, AnswersExactlyOnceAndNeverACancelledRequestThatEndsWithoutOne
       R"({"error":{"code":-32603,"message":"Internal error: the server failed to answer this request."},"id":7,"jsonrpc":"2.0"})";
   const std::string unansweredLog = "level=error category=transport event=mcp_request_unanswered mcpRequestID=7 method=m";
   const std::string refusedLog = "level=error category=transport event=mcp_response_refused mcpRequestID=7 method=m reason=already_answered";
-  const struct {
-    const char *name;
-    void (*handle)(Replying &); // the reply is dropped afterwards
-    Strings sent, logged = {};
-    bool closesTransport = false;
-  } cases[] = {
+  // Each case does something with the reply, which is then dropped.
+  const struct { const char *name; void (*handle)(Replying &); Strings sent, logged = {}; bool closesTransport = false; } cases[] = {
       {"answered", [](Replying &r) { r.answer(); }, {ok}},
       {"answered with an error", [](Replying &r) { r.reply->error(-1, "no"); }, {R"({"error":{"code":-1,"message":"no"},"id":7,"jsonrpc":"2.0"})"}},
       {"dropped", [](Replying &) {}, {unanswered}, {unansweredLog}},
@@ -94,15 +90,11 @@ struct Served : ReleaseGate {
             {"hold-answer", [hold](const JSONRPCRequest &request, JSONRPCReply reply) { reply({{"cancelled", hold(request)}}); }}};
   }
   ~Served() { transport.endInput(), serving.wait(); }
+  // A null id makes the request a notification.
   void request(const json &id, const std::string &name, const char *method = "hold") {
-    json message = {{"jsonrpc", "2.0"}, {"method", method}, {"params", {{"name", name}}}};
-    if (!id.is_null())
-      message["id"] = id;
-    transport.deliver(message.dump());
+    transport.deliver(json{{"jsonrpc", "2.0"}, {"method", method}, {"params", {{"name", name}}}, {"id", id}}.dump());
   }
-  void cancel(const json &params) {
-    transport.deliver(json{{"jsonrpc", "2.0"}, {"method", "notifications/cancelled"}, {"params", params}}.dump());
-  }
+  void cancel(const json &params) { transport.deliver(json{{"jsonrpc", "2.0"}, {"method", "notifications/cancelled"}, {"params", params}}.dump()); }
   // Everything sent before the answer to a request that the reader takes after the
   // messages before: "ping" is answered at once, even while a request runs, "echo" only
   // after the requests in line before it.
@@ -230,11 +222,7 @@ TEST(JSONRPCDispatcher, CancelledRequestsStayUnansweredAndCancellationsOfNoReque
 
 TEST(JSONRPCDispatcher, TheEndOfTheConnectionCancelsTheRunningRequestAndDropsTheWaiting) {
   const std::string cancelledAnswer = R"({"id":1,"jsonrpc":"2.0","result":{"cancelled":true}})";
-  const struct {
-    const char *name;
-    void (*end)(Served &);
-    Strings sent, cancelled;
-  } cases[] = {
+  const struct { const char *name; void (*end)(Served &); Strings sent, cancelled; } cases[] = {
       // A cancelled request whose work still produced a result gets it.
       {"end of input", [](Served &s) { s.transport.endInput(); }, {cancelledAnswer}, {"running"}},
       {"transport closed", [](Served &s) { s.transport.close(); }, {cancelledAnswer}, {"running"}},

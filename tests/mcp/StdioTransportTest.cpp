@@ -15,7 +15,6 @@
 #include <atomic>
 #include <fcntl.h>
 #include <future>
-#include <latch>
 #include <thread>
 
 namespace tavix::test {
@@ -37,11 +36,7 @@ TEST(StdioMessageReader, ReadsEitherFramingHoweverTheBytesArrive) {
   for (char c : std::string("{\"id\":1}\nContent-Length: 3\n"))
     bytewise.emplace_back(1, c);
   const std::string large(4 * 1024 * 1024 + 17, 'x');
-  struct Case {
-    Strings pieces; // each but the last is read before the next is written
-    Strings messages;
-    FramingMode framing;
-  };
+  struct Case { Strings pieces, messages; FramingMode framing; }; // each piece but the last is read before the next is written
   std::vector<Case> cases = {
       {{"{\"a\":1}\n{\"b\":2}\r\n\n{\"c\":3}"}, {"{\"a\":1}", "{\"b\":2}\r", "", "{\"c\":3}"}, newline},
       {bytewise, {"{\"id\":1}", "Content-Length: 3"}, newline}, // once chosen, the framing stays
@@ -90,10 +85,9 @@ TEST(StdioMessageReader, ReadsEitherFramingHoweverTheBytesArrive) {
   }
 }
 
-TEST(StdioMessageWriter, WritesWholeMessagesInEitherFramingAndRestoresTheDescriptor) {
-  const nlohmann::json small = {{"result", {{"b", 1}, {"a", "é"}}}, {"id", 3}};
-  const std::string body = R"({"id":3,"result":{"a":"é","b":1}})";
-  const nlohmann::json large = {{"data", std::string(3 << 20, 'z')}}; // the write waits for the reader
+// Content-length framing is checked where a connection answers in the framing its host chose.
+TEST(StdioMessageWriter, WritesAMessageWholeThoughTheReaderLagsAndRestoresTheDescriptor) {
+  const nlohmann::json large = {{"data", std::string(1 << 20, 'z')}, {"a", 1}}; // more than the pipe holds
   Pipe pipe;
   const int flags = fcntl(pipe.writeEnd(), F_GETFL);
   auto reading = std::async(std::launch::async, [&] {
@@ -103,12 +97,10 @@ TEST(StdioMessageWriter, WritesWholeMessagesInEitherFramingAndRestoresTheDescrip
       all.append(chunk, static_cast<size_t>(n));
     return all;
   });
-  EXPECT_TRUE(writeMessage(small, pipe.writeEnd(), FramingMode::contentLength, never));
   EXPECT_TRUE(writeMessage(large, pipe.writeEnd(), FramingMode::newlineDelimited, never));
-  EXPECT_TRUE(writeMessage(small, pipe.writeEnd(), FramingMode::newlineDelimited, never));
   EXPECT_EQ(fcntl(pipe.writeEnd(), F_GETFL), flags);
   pipe.closeWrite();
-  EXPECT_TRUE(reading.get() == framed(body) + large.dump() + "\n" + body + "\n");
+  EXPECT_TRUE(reading.get() == R"({"a":1,"data":")" + std::string(1 << 20, 'z') + "\"}\n"); // sorted keys, then a line feed
 }
 
 TEST(StdioMessageWriter, FailuresAreLoggedByKind) {

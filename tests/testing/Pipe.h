@@ -56,10 +56,7 @@ public:
   }
 
 private:
-  int unread() const {
-    int count = 0;
-    return ioctl(fds_[0], FIONREAD, &count) == 0 ? count : 0;
-  }
+  int unread() const { int count = 0; return ioctl(fds_[0], FIONREAD, &count) == 0 ? count : 0; }
   void closeEnd(int end) {
     if (fds_[end] >= 0)
       ::close(std::exchange(fds_[end], -1));
