@@ -110,7 +110,7 @@ TEST(StdioMessageWriter, FailuresAreLoggedByKind) {
   closedPeer.closeRead();
   std::atomic<int> checks = 0;
   EXPECT_FALSE(writeMessage(response, closedPeer.writeEnd(), FramingMode::newlineDelimited, never));
-  EXPECT_FALSE(writeMessage(response, nobodyReads.writeEnd(), FramingMode::newlineDelimited, never, {30ms, 5ms}));
+  EXPECT_FALSE(writeMessage(response, nobodyReads.writeEnd(), FramingMode::newlineDelimited, never, {5ms, 1ms}));
   EXPECT_FALSE(writeMessage(response, stopped.writeEnd(), FramingMode::contentLength, [&] { return ++checks > 3; }, {10s, 1ms}));
   EXPECT_EQ(logLines(log), (Strings{"level=warning category=transport event=transport_closed errno=32 transport=stdio",
                                     "level=error category=transport event=response_write_failed errno=110 transport=stdio",

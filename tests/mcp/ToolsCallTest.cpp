@@ -211,21 +211,22 @@ TEST(RuntimeHeartbeat, TheEndOfTheConnectionStopsItAndCancelsTheOneUnderWay) {
   CapturedLog log;
   SteppedServer s;
   Pipe input, output;
-  std::stop_source stop;
-  auto serving = std::async(std::launch::async, [&] {
-    runStdioTransport(s.harness.server(), input.readEnd(), output.writeEnd(), stop.get_token());
+  std::promise<void> ended;
+  std::jthread serving([&](std::stop_token stop) { // stopped also when an assertion ends the test early
+    runStdioTransport(s.harness.server(), input.readEnd(), output.writeEnd(), stop);
+    ended.set_value();
   });
   const auto framed = [](const std::string &body) { return "Content-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body; };
   input.write(framed(R"({"jsonrpc":"2.0","id":1,"method":"tools/call","params":{"name":"list_apps"}})"));
-  s.started(1); // the call reached the runtime and started the heartbeat
+  ASSERT_EQ(s.started(1), Strings{s.wait(1)}); // the call reached the runtime and started the heartbeat
   s.harness.runtime().hold();
   input.write(framed(R"({"jsonrpc":"2.0","id":2,"method":"tools/call","params":{"name":"list_apps"}})"));
   s.release(s.wait(1));
-  s.harness.runtime().waitForSent(4);
-  stop.request_stop();
-  EXPECT_EQ(serving.wait_for(10s), std::future_status::ready);
+  s.harness.runtime().waitForSent(4); // the second call and the second heartbeat wait in the runtime
+  serving.request_stop();
+  EXPECT_EQ(ended.get_future().wait_for(10s), std::future_status::ready);
   input.closeWrite(); // so that a connection the stop did not end still ends
-  serving.wait();
+  serving.join();
   EXPECT_FALSE(s.harness.server().isRuntimeHeartbeatRunning());
   EXPECT_EQ(s.started(1).size(), 1u);                              // it ended without waiting again
   EXPECT_EQ(logLines(log, "runtime_heartbeat_failed"), Strings{}); // a cancelled heartbeat is no failure
