@@ -12,6 +12,7 @@
 #include <gtest/gtest.h>
 
 #include <future>
+#include <latch>
 #include <set>
 #include <stdexcept>
 #include <thread>
@@ -68,6 +69,22 @@ TEST(JSONRPCReply, AnswersExactlyOnceAndNeverACancelledRequestThatEndsWithoutOne
     EXPECT_EQ(logLines(r.log), c.logged) << c.name;
     EXPECT_EQ(r.transport.closing().stop_requested(), c.closesTransport) << c.name;
   }
+}
+
+// Under TSan above all: two handlers racing to answer one request still send one answer.
+TEST(JSONRPCReply, TwoThreadsAnsweringAtOnceSendOneAnswer) {
+  CapturedLog log;
+  FakeMessageTransport transport;
+  for (int round = 0; round < 50; ++round) {
+    JSONRPCReply reply(JSONRPCId(round), "x", std::make_shared<JSONRPCResponseChannel>(transport));
+    std::latch start(2);
+    const auto answer = [&](const char *who) { start.arrive_and_wait(); reply({{"by", who}}); };
+    std::thread first(answer, "first"), second(answer, "second");
+    first.join();
+    second.join();
+    EXPECT_EQ(transport.takeSent().size(), 1u) << round;
+  }
+  EXPECT_EQ(log.withEvent("mcp_response_refused").size(), 50u);
 }
 
 // A dispatcher serving a fake transport on its own thread, with methods that answer with
