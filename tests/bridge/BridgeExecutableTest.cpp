@@ -114,7 +114,8 @@ TEST(BridgeExecutable, EachModeAnswersInTheFramingOfItsFirstByteUntilItsInputEnd
   const auto catalogue = parseJSON(readFile(TAVIX_TEST_DATA_DIR "/gateway/expected_tool_catalogue.json")).value();
   const std::tuple<std::vector<std::string>, std::string, std::string, bool> modes[] = {
       {{"mcp"}, "computer-use", "computerUse", true}, {{"event-stream", "mcp"}, "record-and-replay", "recordReplay", false}};
-  for (const auto &[words, name, tools, contentLength] : modes) {
+  for (const auto &[words, name, tools, withLength] : modes) {
+    const bool contentLength = withLength; // clang 14 cannot capture a structured binding
     const auto frame = [&](const std::string &body) {
       return contentLength ? "Content-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body : body + "\n";
     };
