@@ -5,13 +5,11 @@
 #include "testing/PropertyListWriter.h"
 #include "testing/TemporaryDirectory.h"
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 namespace tavix::test {
 namespace {
 
-using ::testing::ElementsAre;
 using Set = std::set<std::string>;
 
 class BundleIdentifiersTest : public ::testing::TestWithParam<PropertyListFormat> {
@@ -19,55 +17,47 @@ protected:
   // Identifiers over an Info.plist that holds just `entries`.
   BundleIdentifiers with(const PropertyListDictionary &entries) {
     writePropertyList(path_, entries, GetParam());
-    return BundleIdentifiers(source_);
+    return BundleIdentifiers(std::make_shared<const PropertyListFileSource>(path_));
+  }
+  // What `read` makes of each value under `key`, in the order of `values`.
+  template <typename Read> auto readEach(const char *key, const std::vector<PropertyListValue> &values, Read read) {
+    std::vector<decltype(read(with({})))> results;
+    for (const auto &value : values)
+      results.push_back(read(with({{key, value}})));
+    return results;
   }
 
   TemporaryDirectory directory_;
   std::string path_ = directory_ / "Info.plist";
-  std::shared_ptr<const PropertyListFileSource> source_ =
-      std::make_shared<const PropertyListFileSource>(path_);
 };
 
 TEST_P(BundleIdentifiersTest, TextIsTrimmedAndFallsBackWhenBlankOrNotText) {
   const std::string fallback = "com.tavix.computeruse";
-  // clang-format off
-  const std::pair<PropertyListValue, std::string> cases[] = {
-      {" \t com.example.runtime\n", "com.example.runtime"},
-      {"\xE3\x80\x80name\xC2\xA0", "name"}, // ideographic and no-break spaces
-      {"", fallback}, {" \n\t", fallback}, {int64_t{7}, fallback}, {true, fallback},
-      {PropertyListArray{"com.example.runtime"}, fallback}};
-  // clang-format on
-  for (const auto &[value, expected] : cases)
-    EXPECT_EQ(with({{"TavixComputerUseRuntimeBundleIdentifier", value}}).computerUseRuntime(),
-              expected);
+  EXPECT_EQ(readEach("TavixComputerUseRuntimeBundleIdentifier",
+                     {" \t com.example.runtime\n", "\xE3\x80\x80name\xC2\xA0", // ideographic and no-break spaces
+                      "", " \n\t", int64_t{7}, true, PropertyListArray{"com.example.runtime"}},
+                     [](const auto &ids) { return ids.computerUseRuntime(); }),
+            (std::vector<std::string>{"com.example.runtime", "name", fallback, fallback, fallback, fallback, fallback}));
   EXPECT_EQ(with({}).computerUseRuntime(), fallback);
 }
 
 TEST_P(BundleIdentifiersTest, DisplayNameDropsOnlyATrailingAppSuffix) {
-  // clang-format off
-  const std::pair<const char *, const char *> cases[] = {
-      {"Runner", "Runner"}, {"Runner.app", "Runner"}, {"Runner.app.app", "Runner.app"},
-      {"Runner.App", "Runner.App"}, {".app", ""}};
-  // clang-format on
-  for (const auto &[name, shown] : cases)
-    EXPECT_EQ(with({{"TavixComputerUseRuntimeAppName", name}}).runtimeAppDisplayName(), shown);
+  EXPECT_EQ(readEach("TavixComputerUseRuntimeAppName", {"Runner", "Runner.app", "Runner.app.app", "Runner.App", ".app"},
+                     [](const auto &ids) { return ids.runtimeAppDisplayName(); }),
+            (std::vector<std::string>{"Runner", "Runner", "Runner.app", "Runner.App", ""}));
   EXPECT_EQ(with({}).runtimeAppDisplayName(), "Tavix Computer Use");
 }
 
 TEST_P(BundleIdentifiersTest, TextSetsComeFromArraysThenListsThenDefaults) {
   const auto builtIn = with({}).trustedBundleIDs();
-  // clang-format off
-  const std::pair<PropertyListValue, Set> cases[] = {
-      {PropertyListArray{" a ", "b", "", "a"}, {"a", "b"}},
-      {PropertyListArray{"a b"}, {"a b"}}, // array items are not split
-      {PropertyListArray{" ", "\n"}, builtIn}, {PropertyListArray{}, builtIn},
-      {PropertyListArray{"a", int64_t{1}}, builtIn}, // not an array of texts
-      {"a, b;c\n d", {"a", "b", "c", "d"}}, {";;a;;\r\n;b\t\t", {"a", "b"}},
-      {"same,same", {"same"}}, {",,; \t\n", builtIn}, {int64_t{3}, builtIn}};
-  // clang-format on
-  for (const auto &[value, expected] : cases)
-    EXPECT_EQ(with({{"TavixComputerUseTrustedBundleIdentifiers", value}}).trustedBundleIDs(),
-              expected);
+  EXPECT_EQ(readEach("TavixComputerUseTrustedBundleIdentifiers",
+                     {PropertyListArray{" a ", "b", "", "a"}, PropertyListArray{"a b"}, PropertyListArray{" ", "\n"},
+                      PropertyListArray{}, PropertyListArray{"a", int64_t{1}}, "a, b;c\n d", ";;a;;\r\n;b\t\t",
+                      "same,same", ",,; \t\n", int64_t{3}},
+                     [](const auto &ids) { return ids.trustedBundleIDs(); }),
+            // Array items are not split; an array with anything but texts is not a list.
+            (std::vector<Set>{{"a", "b"}, {"a b"}, builtIn, builtIn, builtIn, {"a", "b", "c", "d"}, {"a", "b"},
+                              {"same"}, builtIn, builtIn}));
 }
 
 // The built-in lists: trusted hosts, which include the configured bridge identifier,
@@ -80,43 +70,29 @@ TEST_P(BundleIdentifiersTest, BuiltInListsFollowTheConfiguredIdentifiers) {
   EXPECT_EQ(custom.defaultTrustedBundleIDs(), custom.trustedBundleIDs());
   EXPECT_EQ(with({{"TavixComputerUseTrustedTeamIdentifier", "NEW"}}).trustedTeamIdentifiers(),
             (Set{"NEW", "K4ZQ7MR2XN", "R8WJ3N6PLC", "M2HX9TQ4VE"}));
-  EXPECT_EQ(with({{"TavixComputerUseTrustedTeamIdentifiers", "ONLY"}}).trustedTeamIdentifiers(),
-            Set{"ONLY"});
+  EXPECT_EQ(with({{"TavixComputerUseTrustedTeamIdentifiers", "ONLY"}}).trustedTeamIdentifiers(), Set{"ONLY"});
   EXPECT_EQ(BundleIdentifiers::disallowedThiefProcesses().size(), 18u);
 }
 
 TEST_P(BundleIdentifiersTest, BooleansAcceptBooleansZeroOrOneAndTheUsualWords) {
-  // clang-format off
-  const std::pair<PropertyListValue, bool> cases[] = {
-      {false, false}, {true, true},       {int64_t{0}, false}, {int64_t{1}, true},
-      {0.0, false},   {int64_t{2}, true}, {0.5, true},         {"  NO ", false},
-      {"no", false},  {"False", false},   {"0", false},        {"\tyes\n", true},
-      {"TRUE", true}, {"1", true},        {"off", true},       {"", true},
-      {"n", true},    {PropertyListArray{}, true}};
-  // clang-format on
-  for (size_t row = 0; row < std::size(cases); ++row)
-    EXPECT_EQ(with({{"TavixComputerUseEnforceSenderAuthorization", cases[row].first}})
-                  .senderAuthorizationEnforced(),
-              cases[row].second)
-        << "row " << row;
+  EXPECT_EQ(readEach("TavixComputerUseEnforceSenderAuthorization",
+                     {false, true, int64_t{0}, int64_t{1}, 0.0, int64_t{2}, 0.5, "  NO ", "no", "False", "0",
+                      "\tyes\n", "TRUE", "1", "off", "", "n", PropertyListArray{}},
+                     [](const auto &ids) { return ids.senderAuthorizationEnforced(); }),
+            (std::vector<bool>{false, true, false, true, false, true, true, false, false, false, false,
+                               true, true, true, true, true, true, true}));
   EXPECT_TRUE(with({}).senderAuthorizationEnforced());
 }
 
 // A pinned certificate replaces the team check: exactly 64 hex digits, any separators.
 TEST_P(BundleIdentifiersTest, CertificateDigestKeepsHexDigitsAndNeedsExactlySixtyFour) {
-  const std::string key = "TavixLockedUseCertificateSHA256";
   const std::string lower = "0123456789abcdef0123456789abcdeffedcba9876543210fedcba9876543210";
   const std::string pairs = "01:23:45:67:89:AB:CD:EF:01:23:45:67:89:AB:CD:EF:"
                             "FE:DC:BA:98:76:54:32:10:FE:DC:BA:98:76:54:32:10";
-  const auto pinned = with({{key, pairs}});
-  EXPECT_EQ(pinned.lockedUseCertificateSHA256(), lower);
-  EXPECT_TRUE(pinned.lockedUseTrustedTeamIdentifiers().empty());
-  for (const PropertyListValue &bad :
-       {PropertyListValue(lower.substr(1)), PropertyListValue(lower + "0"),
-        PropertyListValue(std::string(64, 'g')), PropertyListValue(1)}) {
-    EXPECT_EQ(with({{key, bad}}).lockedUseCertificateSHA256(), std::nullopt);
-    EXPECT_EQ(with({{key, bad}}).lockedUseTrustedTeamIdentifiers(), Set{"K4ZQ7MR2XN"});
-  }
+  const auto pinning = [](const auto &ids) { return std::pair(ids.lockedUseCertificateSHA256(), ids.lockedUseTrustedTeamIdentifiers()); };
+  const auto unpinned = std::pair(std::optional<std::string>(), Set{"K4ZQ7MR2XN"});
+  EXPECT_EQ(readEach("TavixLockedUseCertificateSHA256", {pairs, lower.substr(1), lower + "0", std::string(64, 'g'), 1}, pinning),
+            (std::vector{std::pair(std::optional(lower), Set{}), unpinned, unpinned, unpinned, unpinned}));
 }
 
 TEST_P(BundleIdentifiersTest, EveryReadSeesTheFileAsItIsNow) {
@@ -126,24 +102,18 @@ TEST_P(BundleIdentifiersTest, EveryReadSeesTheFileAsItIsNow) {
   EXPECT_TRUE(identifiers.senderAuthorizationEnforced());
 }
 
-INSTANTIATE_TEST_SUITE_P(Formats, BundleIdentifiersTest,
-                         ::testing::Values(PropertyListFormat::xml, PropertyListFormat::binary),
-                         [](const auto &info) {
-                           return info.param == PropertyListFormat::xml ? "XML" : "Binary";
-                         });
+INSTANTIATE_TEST_SUITE_P(Formats, BundleIdentifiersTest, ::testing::Values(PropertyListFormat::xml, PropertyListFormat::binary),
+                         ::testing::PrintToStringParamName());
 
 // Sender authorization, above all, stays enforced when the file cannot be read.
 TEST(BundleIdentifiers, UnreadableOrMissingInformationMeansEveryDefault) {
   TemporaryDirectory directory;
   const auto enforcedAt = [](const std::string &path) {
-    return BundleIdentifiers(std::make_shared<const PropertyListFileSource>(path))
-        .senderAuthorizationEnforced();
+    return BundleIdentifiers(std::make_shared<const PropertyListFileSource>(path)).senderAuthorizationEnforced();
   };
-  for (const std::string text :
-       {"", "not a property list", "<?xml version=\"1.0\"?><plist><dict><key>a</key>",
-        "bplist00\x01\x02", // a binary header with nothing behind it
-        "<?xml version=\"1.0\"?><plist "
-        "version=\"1.0\"><array><string>a</string></array></plist>"}) {
+  for (const std::string text : {"", "not a property list", "<?xml version=\"1.0\"?><plist><dict><key>a</key>",
+                                 "bplist00\x01\x02", // a binary header with nothing behind it
+                                 "<?xml version=\"1.0\"?><plist version=\"1.0\"><array><string>a</string></array></plist>"}) {
     writeFile(directory / "Info.plist", text);
     EXPECT_TRUE(enforcedAt(directory / "Info.plist")) << text;
   }

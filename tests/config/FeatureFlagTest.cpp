@@ -16,16 +16,14 @@ namespace {
 
 class FeatureFlagTest : public ::testing::Test {
 protected:
-  FeatureFlag flagsWith(const PropertyListDictionary &entries,
-                        PropertyListFormat format = PropertyListFormat::binary) {
+  FeatureFlag flagsWith(const PropertyListDictionary &entries, PropertyListFormat format = PropertyListFormat::binary) {
     writePropertyList(path_, entries, format);
     return flags_;
   }
 
   TemporaryDirectory directory_;
   std::string path_ = directory_ / "defaults.plist";
-  FeatureFlag flags_{
-      std::make_shared<const UserDefaults>(std::make_shared<const PropertyListFileSource>(path_))};
+  FeatureFlag flags_{std::make_shared<const UserDefaults>(std::make_shared<const PropertyListFileSource>(path_))};
 };
 
 TEST_F(FeatureFlagTest, OnlyTheCursorIsOnByDefaultAndForbiddenTargetsHaveAKeyOfTheirOwn) {
@@ -33,24 +31,21 @@ TEST_F(FeatureFlagTest, OnlyTheCursorIsOnByDefaultAndForbiddenTargetsHaveAKeyOfT
   EXPECT_FALSE(flagsWith({{"feature/computerUseCursor", false}}).computerUseCursor());
   EXPECT_FALSE(flags_.lockedUseAutoUnlock());
   // Without the "feature/" prefix; the prefixed key is another one.
-  EXPECT_TRUE(
-      flagsWith({{"ComputerUseAllowForbiddenTargets", true}}).computerUseAllowForbiddenTargets());
-  EXPECT_FALSE(flagsWith({{"feature/ComputerUseAllowForbiddenTargets", true}})
-                   .computerUseAllowForbiddenTargets());
+  EXPECT_TRUE(flagsWith({{"ComputerUseAllowForbiddenTargets", true}}).computerUseAllowForbiddenTargets());
+  EXPECT_FALSE(flagsWith({{"feature/ComputerUseAllowForbiddenTargets", true}}).computerUseAllowForbiddenTargets());
 }
 
 TEST_F(FeatureFlagTest, BooleansAcceptNumbersAndWords) {
   // clang-format off
   const std::pair<PropertyListValue, bool> cases[] = {
-      {true, true},        {false, false}, {int64_t{1}, true}, {int64_t{-2}, true},
-      {int64_t{0}, false}, {0.25, true},   {0.0, false},       {" YES ", true},
-      {"true", true},      {"1", true},    {"no", false},      {"on", false},
-      {"", false},         {PropertyListArray{true}, false},   {PropertyListValue::Other{}, false}};
+      {true, true}, {false, false}, {int64_t{1}, true}, {int64_t{-2}, true}, {int64_t{0}, false}, {0.25, true},
+      {0.0, false}, {" YES ", true}, {"true", true}, {"1", true}, {"no", false}, {"on", false}, {"", false},
+      {PropertyListArray{true}, false}, {PropertyListValue::Other{}, false}};
   // clang-format on
   for (size_t row = 0; row < std::size(cases); ++row) {
     const auto flags = flagsWith({{"feature/screenshot", cases[row].first}});
-    EXPECT_EQ(flags.screenshot(), cases[row].second) << "row " << row;
-    EXPECT_EQ(flags.isEnabled("feature/screenshot", !cases[row].second), cases[row].second) << row;
+    EXPECT_EQ(std::pair(flags.screenshot(), flags.isEnabled("feature/screenshot", !cases[row].second)),
+              std::pair(cases[row].second, cases[row].second)) << "row " << row;
   }
   // A default applies only when the key is unset, whatever is set.
   EXPECT_TRUE(flagsWith({{"present", "nonsense"}}).isEnabled("absent", true));
@@ -58,21 +53,17 @@ TEST_F(FeatureFlagTest, BooleansAcceptNumbersAndWords) {
 }
 
 TEST_F(FeatureFlagTest, StringValuesAreTextOrNumbers) {
-  const auto flags = flagsWith({{"text", " spaced "},
-                                {"integer", int64_t{-42}},
-                                {"real", 1.5},
-                                {"list", PropertyListArray{"a"}}});
-  EXPECT_EQ(flags.stringValue("text"), " spaced ");
-  EXPECT_EQ(flags.stringValue("integer"), "-42");
-  EXPECT_EQ(flags.stringValue("real"), "1.5");
-  EXPECT_EQ(flags.stringValue("list"), std::nullopt);
-  EXPECT_EQ(flags.stringValue("absent"), std::nullopt);
+  const auto flags =
+      flagsWith({{"text", " spaced "}, {"integer", int64_t{-42}}, {"real", 1.5}, {"list", PropertyListArray{"a"}}});
+  std::vector<std::optional<std::string>> values;
+  for (const char *key : {"text", "integer", "real", "list", "absent"})
+    values.push_back(flags.stringValue(key));
+  EXPECT_EQ(values, (decltype(values){" spaced ", "-42", "1.5", std::nullopt, std::nullopt}));
 }
 
 TEST_F(FeatureFlagTest, AChangedFileTakesEffectAtTheNextRead) {
   EXPECT_FALSE(flags_.screenshot());
-  writePropertyList(path_, {{"feature/screenshot", true}}, PropertyListFormat::xml);
-  EXPECT_TRUE(flags_.screenshot());
+  EXPECT_TRUE(flagsWith({{"feature/screenshot", true}}, PropertyListFormat::xml).screenshot());
   writeFile(path_, "garbage");
   EXPECT_FALSE(flags_.screenshot());
   EXPECT_TRUE(flags_.computerUseCursor());
@@ -80,36 +71,30 @@ TEST_F(FeatureFlagTest, AChangedFileTakesEffectAtTheNextRead) {
 
 TEST(MainBundle, InformationIsBesideTheExecutableElseInItsShareDirectory) {
   EXPECT_THAT(infoPlistCandidates("/opt/tavix/bin/TavixComputerUseBridge"),
-              ::testing::ElementsAre("/opt/tavix/bin/Info.plist",
-                                     "/opt/tavix/bin/../share/TavixComputerUseBridge/Info.plist"));
+              ::testing::ElementsAre("/opt/tavix/bin/Info.plist", "/opt/tavix/bin/../share/TavixComputerUseBridge/Info.plist"));
   EXPECT_TRUE(infoPlistCandidates("").empty());
   TemporaryDirectory root;
   std::filesystem::create_directories(root / "bin");
   const BundleInfoDictionary info(root / "bin/Bridge");
   EXPECT_TRUE(info.read().empty());
-  writePropertyList(root / "share/Bridge/Info.plist", {{"CFBundleIdentifier", "installed"}},
-                    PropertyListFormat::xml);
+  writePropertyList(root / "share/Bridge/Info.plist", {{"CFBundleIdentifier", "installed"}}, PropertyListFormat::xml);
   EXPECT_EQ(bundleIdentifier(info.read()), "installed");
-  writePropertyList(root / "bin/Info.plist", {{"CFBundleIdentifier", " beside "}},
-                    PropertyListFormat::binary);
+  writePropertyList(root / "bin/Info.plist", {{"CFBundleIdentifier", " beside "}}, PropertyListFormat::binary);
   EXPECT_EQ(bundleIdentifier(info.read()), "beside");
   EXPECT_EQ(bundleIdentifier({{"CFBundleIdentifier", "  "}}), std::nullopt);
   EXPECT_EQ(bundleIdentifier({{"CFBundleIdentifier", int64_t{1}}}), std::nullopt);
 }
 
 TEST(MainBundle, UserDefaultsAreNamedAfterTheBundleInTheConfigurationDirectory) {
-  const auto environment = [](std::optional<std::string> xdg) -> EnvironmentLookup {
-    return [xdg](const char *name) {
+  const auto path = [](std::optional<std::string> id, std::optional<std::string> xdg) {
+    return userDefaultsPath(id, "Bridge", "/home/u", [xdg](const char *name) {
       return std::string_view(name) == "XDG_CONFIG_HOME" ? xdg : std::nullopt;
-    };
+    });
   };
-  EXPECT_EQ(userDefaultsPath("com.example.id", "Bridge", "/home/u", environment(std::nullopt)),
-            "/home/u/.config/com.example.id.plist");
-  EXPECT_EQ(userDefaultsPath(std::nullopt, "Bridge", "/home/u", environment("/xdg/")),
-            "/xdg/Bridge.plist");
+  EXPECT_EQ(path("com.example.id", std::nullopt), "/home/u/.config/com.example.id.plist");
+  EXPECT_EQ(path(std::nullopt, "/xdg/"), "/xdg/Bridge.plist");
   // A relative setting is not a valid configuration directory.
-  EXPECT_EQ(userDefaultsPath(std::nullopt, "Bridge", "/home/u", environment("relative")),
-            "/home/u/.config/Bridge.plist");
+  EXPECT_EQ(path(std::nullopt, "relative"), "/home/u/.config/Bridge.plist");
 }
 
 } // namespace

@@ -6,7 +6,6 @@
 #include "platform/UnifiedLog.h"
 #include "logging/Logger.h"
 
-#include <algorithm>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -29,7 +28,6 @@ public:
   }
   ~CapturedLog() { Log::replaceSinks(std::move(previous_)); }
   CapturedLog(const CapturedLog &) = delete;
-  CapturedLog &operator=(const CapturedLog &) = delete;
 
   std::vector<std::string> lines() const {
     std::lock_guard guard(lock_);
@@ -40,7 +38,7 @@ public:
     const std::string needle = " event=" + std::string(event);
     std::vector<std::string> found;
     for (const auto &line : lines())
-      if (line.find(needle + " ") != std::string::npos || line.find(needle + "\n") != std::string::npos)
+      if (line.find(needle + " ") != std::string::npos || line.ends_with(needle + "\n"))
         found.push_back(line);
     return found;
   }

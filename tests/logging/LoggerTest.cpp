@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <map>
 #include <thread>
 #include <unistd.h>
 
@@ -19,20 +20,14 @@ namespace {
 using namespace std::chrono;
 using enum LogLevel;
 
-void setOrUnset(const char *name, const char *value) {
-  value ? setenv(name, value, 1) : unsetenv(name);
-}
+void setOrUnset(const char *name, const char *value) { value ? setenv(name, value, 1) : unsetenv(name); }
 
 // The test binary runs without the level variables (see TestMain.cpp); a test sets them.
 class LoggerTest : public ::testing::Test {
 protected:
-  void SetUp() override {
-    setenv("HOME", "/home/tester", 1);
-    previous_ = Log::replaceSinks(sinks());
-  }
-  void TearDown() override {
-    unsetenv(logLevelEnvironmentKey);
-    unsetenv(osLogMirrorLevelEnvironmentKey);
+  LoggerTest() { setenv("HOME", "/home/tester", 1); }
+  ~LoggerTest() override {
+    unsetenv(logLevelEnvironmentKey), unsetenv(osLogMirrorLevelEnvironmentKey);
     setenv("HOME", home_.c_str(), 1);
     Log::replaceSinks(std::move(previous_));
   }
@@ -47,73 +42,63 @@ protected:
             },
             unifiedLog, [this] { return wallNow; }, [this] { return monotonicNow; }};
   }
-  std::string unifiedLine(size_t i) const { return unifiedLog->entries().at(i).line; }
 
   const std::string home_ = std::getenv("HOME");
-  Log::Sinks previous_;
   std::atomic<bool> writing_ = false;
   std::vector<std::string> stderrLines;
   std::shared_ptr<test::FakeUnifiedLog> unifiedLog = std::make_shared<test::FakeUnifiedLog>();
   system_clock::time_point wallNow = sys_days{2026y / March / 4} + 15h;
   steady_clock::time_point monotonicNow{hours(1)};
+  Log::Sinks previous_ = Log::replaceSinks(sinks());
 };
 
 TEST_F(LoggerTest, RoutesLinesByTheEnvironmentThresholds) {
+  // The two thresholds, a line's level, and how many lines reach standard error and the unified log.
   // clang-format off
-  // The two thresholds, a line's level, and how many lines reach each sink.
   const std::tuple<const char *, const char *, LogLevel, size_t, size_t> cases[] = {
-      {nullptr, nullptr, debug, 0, 0},      {nullptr, nullptr, info, 1, 1},
-      {nullptr, nullptr, fault, 1, 1},      {" Warning\n", nullptr, info, 0, 1},
-      {" Warning\n", nullptr, warning, 1, 1}, {nullptr, "debug", debug, 0, 1},
-      {"debug", nullptr, debug, 1, 0},      {"error", "DEBUG", info, 0, 1},
-      {"fault", "fault", error, 0, 0},      {"verbose", "loud", debug, 0, 0},
-      {"verbose", "", info, 1, 1},          {"warn", "  ", info, 1, 1}};
+      {nullptr, nullptr, debug, 0, 0},   {nullptr, nullptr, info, 1, 1},  {nullptr, nullptr, fault, 1, 1},
+      {" Warning\n", nullptr, info, 0, 1}, {" Warning\n", nullptr, warning, 1, 1}, {nullptr, "debug", debug, 0, 1},
+      {"debug", nullptr, debug, 1, 0},   {"error", "DEBUG", info, 0, 1},  {"fault", "fault", error, 0, 0},
+      {"verbose", "loud", debug, 0, 0},  {"verbose", "", info, 1, 1},     {"warn", "  ", info, 1, 1}};
   // clang-format on
-  for (int row = 0; const auto &[stderrLevel, mirrorLevel, level, toStderr, toUnified] : cases) {
-    setOrUnset(logLevelEnvironmentKey, stderrLevel);
-    setOrUnset(osLogMirrorLevelEnvironmentKey, mirrorLevel);
+  for (size_t row = 0; row < std::size(cases); ++row) {
+    const auto &[stderrLevel, mirrorLevel, level, toStderr, toUnified] = cases[row];
+    setOrUnset(logLevelEnvironmentKey, stderrLevel), setOrUnset(osLogMirrorLevelEnvironmentKey, mirrorLevel);
     stderrLines.clear();
     const size_t unifiedBefore = unifiedLog->entries().size();
     Log::log(level, LogCategory::tools, "routed");
-    EXPECT_EQ(stderrLines.size(), toStderr) << "row " << row;
-    EXPECT_EQ(unifiedLog->entries().size() - unifiedBefore, toUnified) << "row " << row;
-    ++row;
+    EXPECT_EQ(std::pair(stderrLines.size(), unifiedLog->entries().size() - unifiedBefore),
+              std::pair(toStderr, toUnified)) << "row " << row;
   }
 }
 
-TEST_F(LoggerTest, WritesOneEncodedLineToBothSinks) {
-  Log::warning(LogCategory::tools, "tool_call_started",
-               {{"file_path", "/home/tester/a b"}, {"userText", "hi"}, {"n", 3}});
+// One encoded line, the same in both sinks, each level with its type, on one handle per
+// category; a handle whose types are disabled gets nothing, standard error is unaffected.
+TEST_F(LoggerTest, WritesOneLineToStandardErrorAndMirrorsItWithTheLevelsType) {
+  Log::warning(LogCategory::tools, "tool_call_started", {{"file_path", "/home/tester/a b"}, {"userText", "hi"}, {"n", 3}});
   ASSERT_EQ(stderrLines.size(), 1u);
   EXPECT_TRUE(stderrLines[0].starts_with(formatLogTimestamp(wallNow) + " level=warning process="));
-  EXPECT_TRUE(stderrLines[0].ends_with(" pid=" + std::to_string(getpid()) +
-                                       " category=tools event=tool_call_started"
-                                       " file_path=\"~/a b\" n=3 userText=[redacted]\n"))
-      << stderrLines[0];
-  EXPECT_EQ(unifiedLine(0), stderrLines[0]);
-}
-
-TEST_F(LoggerTest, MirrorsWithTheLevelsTypeOnOneHandlePerCategory) {
+  EXPECT_TRUE(stderrLines[0].ends_with(" pid=" + std::to_string(getpid()) + " category=tools event=tool_call_started"
+                                       " file_path=\"~/a b\" n=3 userText=[redacted]\n")) << stderrLines[0];
   setenv(osLogMirrorLevelEnvironmentKey, "debug", 1);
   for (LogLevel level : allLogLevels)
     Log::log(level, LogCategory::appDiscovery, "mapped");
   Log::info(LogCategory::ipc, "other");
-  Log::info(LogCategory::ipc, "again");
-  const auto entries = unifiedLog->entries();
-  ASSERT_EQ(entries.size(), 7u);
-  using enum UnifiedLogType;
-  const UnifiedLogType types[] = {debug, info, defaultType, error, fault, info, info};
-  for (size_t i = 0; i < 7; ++i) {
-    EXPECT_EQ(entries[i].type, types[i]) << i;
-    EXPECT_EQ(entries[i].subsystem + " " + entries[i].category,
-              i < 5 ? "com.tavix.computeruse app-discovery" : "com.tavix.computeruse ipc");
-  }
-  EXPECT_EQ(unifiedLog->handlesMade(), 2);
-  // A handle whose types are disabled gets nothing; standard error is unaffected.
   unifiedLog->setEnabled(false);
   Log::error(LogCategory::ipc, "disabled");
-  EXPECT_EQ(unifiedLog->entries().size(), 7u);
   EXPECT_TRUE(stderrLines.back().ends_with(" event=disabled\n"));
+  const auto entries = unifiedLog->entries();
+  ASSERT_EQ(entries.size(), 7u);
+  EXPECT_EQ(entries[0].line, stderrLines[0]);
+  std::vector<std::pair<std::string, UnifiedLogType>> mirrored;
+  for (const auto &entry : entries)
+    mirrored.emplace_back(entry.subsystem + " " + entry.category, entry.type);
+  const std::string discovery = "com.tavix.computeruse app-discovery", tools = "com.tavix.computeruse tools";
+  using enum UnifiedLogType;
+  EXPECT_EQ(mirrored, (decltype(mirrored){{tools, defaultType}, {discovery, debug}, {discovery, info},
+                                          {discovery, defaultType}, {discovery, error}, {discovery, fault},
+                                          {"com.tavix.computeruse ipc", info}}));
+  EXPECT_EQ(unifiedLog->handlesMade(), 3);
 }
 
 // Calls at the given milliseconds after the first, with their index as a field; a line
@@ -124,8 +109,7 @@ TEST_F(LoggerTest, RateLimitedWarningsCountWhatTheySwallow) {
       {60000, LogCategory::transport, nullptr},
       {60000, LogCategory::ipc, " category=ipc event=overloaded a=2\n"}, // another key
       {119999, LogCategory::transport, nullptr},
-      {120000, LogCategory::transport,
-       " category=transport event=overloaded a=4 suppressedCount=2\n"},
+      {120000, LogCategory::transport, " category=transport event=overloaded a=4 suppressedCount=2\n"},
       {241000, LogCategory::transport, " category=transport event=overloaded a=5\n"}};
   for (int i = 0; const auto &[at, category, ending] : calls) {
     stderrLines.clear();
@@ -140,24 +124,22 @@ TEST_F(LoggerTest, RateLimitIntervalsBelowOneSecondCountAsOne) {
   for (double interval : {0.5, 0.0, -3.0, std::nan("")}) {
     Log::replaceSinks(sinks());
     stderrLines.clear();
-    for (milliseconds step : {0ms, 999ms, 1ms}) {
-      monotonicNow += step;
-      Log::rateLimitedWarning(LogCategory::input, "tick", interval);
-    }
+    for (milliseconds step : {0ms, 999ms, 1ms})
+      monotonicNow += step, Log::rateLimitedWarning(LogCategory::input, "tick", interval);
     ASSERT_EQ(stderrLines.size(), 2u) << interval;
     EXPECT_TRUE(stderrLines[1].ends_with(" event=tick suppressedCount=1\n")) << interval;
   }
 }
 
 TEST_F(LoggerTest, EmergencyFaultGoesOnlyToTheUnifiedLog) {
-  setenv(logLevelEnvironmentKey, "fault", 1);
-  setenv(osLogMirrorLevelEnvironmentKey, "fault", 1);
+  setenv(logLevelEnvironmentKey, "fault", 1), setenv(osLogMirrorLevelEnvironmentKey, "fault", 1);
   Log::emergencyUnifiedFault(LogCategory::logging, "stderr_unusable", {{"errno", 5}});
   EXPECT_TRUE(stderrLines.empty());
-  ASSERT_EQ(unifiedLog->entries().size(), 1u);
-  EXPECT_EQ(unifiedLog->entries()[0].type, UnifiedLogType::fault);
-  EXPECT_NE(unifiedLine(0).find(" level=fault "), std::string::npos) << unifiedLine(0);
-  EXPECT_TRUE(unifiedLine(0).ends_with(" category=logging event=stderr_unusable errno=5\n"));
+  const auto entries = unifiedLog->entries();
+  ASSERT_EQ(entries.size(), 1u);
+  EXPECT_EQ(entries[0].type, UnifiedLogType::fault);
+  EXPECT_NE(entries[0].line.find(" level=fault "), std::string::npos) << entries[0].line;
+  EXPECT_TRUE(entries[0].line.ends_with(" category=logging event=stderr_unusable errno=5\n"));
 }
 
 TEST_F(LoggerTest, ConcurrentLinesCarryTheRequestOfTheirThreadUntilItsScopeEnds) {
@@ -169,15 +151,13 @@ TEST_F(LoggerTest, ConcurrentLinesCarryTheRequestOfTheirThreadUntilItsScopeEnds)
     }
     Log::info(LogCategory::tools, "after_" + id);
   };
-  std::thread first(worker, "A"), second(worker, "B");
-  first.join();
-  second.join();
-  ASSERT_EQ(stderrLines.size(), 402u);
+  { std::jthread first(worker, "A"), second(worker, "B"); }
+  std::map<std::string, int> endings; // from the event on
   for (const std::string &line : stderrLines)
-    EXPECT_TRUE(line.ends_with(" event=in_A requestId=A a=1\n") ||
-                line.ends_with(" event=in_B requestId=B a=1\n") ||
-                line.ends_with(" event=after_A\n") || line.ends_with(" event=after_B\n"))
-        << line;
+    ++endings[line.substr(line.find(" event="))];
+  EXPECT_EQ(endings, (std::map<std::string, int>{{" event=after_A\n", 1}, {" event=after_B\n", 1},
+                                                 {" event=in_A requestId=A a=1\n", 200},
+                                                 {" event=in_B requestId=B a=1\n", 200}}));
 }
 
 } // namespace

@@ -13,18 +13,12 @@ class TemporaryDirectory {
 public:
   TemporaryDirectory() {
     const char *base = std::getenv("TMPDIR");
-    std::string pattern = std::string(base != nullptr && *base != '\0' ? base : "/tmp") +
-                          "/tavix-test-XXXXXX";
-    if (mkdtemp(pattern.data()) == nullptr)
-      throw std::runtime_error("mkdtemp failed for " + pattern);
-    path_ = pattern;
+    path_ = std::string(base != nullptr && *base != '\0' ? base : "/tmp") + "/tavix-test-XXXXXX";
+    if (mkdtemp(path_.data()) == nullptr)
+      throw std::runtime_error("mkdtemp failed for " + path_);
   }
-  ~TemporaryDirectory() {
-    std::error_code ignored;
-    std::filesystem::remove_all(path_, ignored);
-  }
+  ~TemporaryDirectory() { std::error_code ignored; std::filesystem::remove_all(path_, ignored); }
   TemporaryDirectory(const TemporaryDirectory &) = delete;
-  TemporaryDirectory &operator=(const TemporaryDirectory &) = delete;
 
   const std::string &path() const { return path_; }
   std::string operator/(std::string_view name) const { return path_ + "/" + std::string(name); }
