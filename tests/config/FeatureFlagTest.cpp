@@ -16,7 +16,7 @@ namespace {
 
 class FeatureFlagTest : public ::testing::Test {
 protected:
-  FeatureFlag flagsWith(const PropertyListDictionary &entries, PropertyListFormat format = PropertyListFormat::binary) {
+  const FeatureFlag &flagsWith(const PropertyListDictionary &entries, PropertyListFormat format = PropertyListFormat::binary) {
     writePropertyList(path_, entries, format);
     return flags_;
   }
@@ -26,15 +26,20 @@ protected:
   FeatureFlag flags_{std::make_shared<const UserDefaults>(std::make_shared<const PropertyListFileSource>(path_))};
 };
 
+// Also when the file is missing or unreadable.
 TEST_F(FeatureFlagTest, OnlyTheCursorIsOnByDefaultAndForbiddenTargetsHaveAKeyOfTheirOwn) {
-  EXPECT_TRUE(flags_.computerUseCursor());
+  EXPECT_TRUE(flags_.computerUseCursor() && !flags_.lockedUseAutoUnlock() && !flags_.screenshot());
   EXPECT_FALSE(flagsWith({{"feature/computerUseCursor", false}}).computerUseCursor());
-  EXPECT_FALSE(flags_.lockedUseAutoUnlock());
   // Without the "feature/" prefix; the prefixed key is another one.
   EXPECT_TRUE(flagsWith({{"ComputerUseAllowForbiddenTargets", true}}).computerUseAllowForbiddenTargets());
   EXPECT_FALSE(flagsWith({{"feature/ComputerUseAllowForbiddenTargets", true}}).computerUseAllowForbiddenTargets());
+  writeFile(path_, "garbage");
+  EXPECT_TRUE(flags_.computerUseCursor());
+  EXPECT_FALSE(flags_.computerUseAllowForbiddenTargets());
 }
 
+// The rows alternate the file's format and change the result, read through one object:
+// each read sees the file as it is now.
 TEST_F(FeatureFlagTest, BooleansAcceptNumbersAndWords) {
   // clang-format off
   const std::pair<PropertyListValue, bool> cases[] = {
@@ -43,7 +48,8 @@ TEST_F(FeatureFlagTest, BooleansAcceptNumbersAndWords) {
       {PropertyListArray{true}, false}, {PropertyListValue::Other{}, false}};
   // clang-format on
   for (size_t row = 0; row < std::size(cases); ++row) {
-    const auto flags = flagsWith({{"feature/screenshot", cases[row].first}});
+    const auto &flags = flagsWith({{"feature/screenshot", cases[row].first}},
+                                 row % 2 ? PropertyListFormat::xml : PropertyListFormat::binary);
     EXPECT_EQ(std::pair(flags.screenshot(), flags.isEnabled("feature/screenshot", !cases[row].second)),
               std::pair(cases[row].second, cases[row].second)) << "row " << row;
   }
@@ -59,14 +65,6 @@ TEST_F(FeatureFlagTest, StringValuesAreTextOrNumbers) {
   for (const char *key : {"text", "integer", "real", "list", "absent"})
     values.push_back(flags.stringValue(key));
   EXPECT_EQ(values, (decltype(values){" spaced ", "-42", "1.5", std::nullopt, std::nullopt}));
-}
-
-TEST_F(FeatureFlagTest, AChangedFileTakesEffectAtTheNextRead) {
-  EXPECT_FALSE(flags_.screenshot());
-  EXPECT_TRUE(flagsWith({{"feature/screenshot", true}}, PropertyListFormat::xml).screenshot());
-  writeFile(path_, "garbage");
-  EXPECT_FALSE(flags_.screenshot());
-  EXPECT_TRUE(flags_.computerUseCursor());
 }
 
 TEST(MainBundle, InformationIsBesideTheExecutableElseInItsShareDirectory) {

@@ -16,6 +16,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <deque>
 #include <fcntl.h>
 #include <filesystem>
 #include <future>
@@ -34,13 +35,13 @@ namespace fs = std::filesystem;
 
 const auto march4 = sys_days{2026y / March / 4} + 15h + 7min + 9s;
 
+// The first three are sessions' names.
 TEST(LogFileLocation, OnlyWellFormedTimestampsCountAsSessions) {
-  for (const char *name : {"19991231T235959", "20240229T000000", "20260101T000060"})
-    EXPECT_TRUE(isTimestampDirectoryName(name)) << name;
-  for (const char *name : {"2026-01-01", "20260304T15070", "20260304T1507090", "20260304t150709", "2026030AT150709",
-                           "20260304T15070x", "20261304T150709", "20260004T150709", "20260332T150709",
-                           "20260300T150709", "20260304T240000", "20260304T156000", "20260304T150761", ""})
-    EXPECT_FALSE(isTimestampDirectoryName(name)) << name;
+  const std::vector<std::string> names = {"19991231T235959", "20240229T000000", "20260101T000060", "2026-01-01",
+      "20260304T15070", "20260304T1507090", "20260304t150709", "2026030AT150709", "20260304T15070x", "20261304T150709",
+      "20260004T150709", "20260332T150709", "20260300T150709", "20260304T240000", "20260304T156000", "20260304T150761", ""};
+  for (size_t i = 0; i < names.size(); ++i)
+    EXPECT_EQ(isTimestampDirectoryName(names[i]), i < 3) << names[i];
 }
 
 TEST(LogFileLocation, TheNewestSessionWithAMarkerIsChosenElseTheNewest) {
@@ -127,12 +128,12 @@ TEST(LogFileCompaction, ConcurrentWritersAndCompactorsLoseNoLaterLineAndNeverInt
   // Three processes of two threads each, every thread also compacting. Each compaction
   // drops only the oldest 64 KiB, so that the final file still spans many compactions
   // and a line lost in any of them shows as a gap.
-  std::vector<std::unique_ptr<ChildProcess>> processes;
+  std::deque<ChildProcess> processes;
   for (const char *name : {"alpha", "beta", "gamma"})
-    processes.push_back(std::make_unique<ChildProcess>(std::vector<std::string>{
-        TAVIX_LOG_WRITER_EXECUTABLE, directory.path(), name, std::to_string(lines), "20", "1048576", "983040"}));
+    processes.emplace_back(std::vector<std::string>{TAVIX_LOG_WRITER_EXECUTABLE, directory.path(), name,
+                                                    std::to_string(lines), "20", "1048576", "983040"});
   for (auto &process : processes)
-    ASSERT_EQ(process->wait(seconds(120)), 0);
+    ASSERT_EQ(process.wait(seconds(120)), 0);
 
   // Every line is whole: a writer's line, a compaction notice or a writer's first line.
   static const std::regex wholeLine(
@@ -148,11 +149,10 @@ TEST(LogFileCompaction, ConcurrentWritersAndCompactorsLoseNoLaterLineAndNeverInt
     std::smatch match;
     ASSERT_TRUE(std::regex_match(line, match, wholeLine)) << "a broken line: " << line;
     notices += match[2].str().starts_with("log_compacted");
-    if (!match[4].matched)
-      continue;
-    const long sequence = std::stol(match[3]);
-    ASSERT_TRUE(!last.contains(match[4]) || sequence == last[match[4]] + 1) << match[4] << ": lost after " << last[match[4]];
-    last[match[4]] = sequence;
+    if (const std::string writer = match[4]; match[4].matched) {
+      ASSERT_TRUE(!last.contains(writer) || std::stol(match[3]) == last[writer] + 1) << writer << ": lost after " << last[writer];
+      last[writer] = std::stol(match[3]);
+    }
   }
   EXPECT_GE(notices, 1);
   EXPECT_EQ(last.size(), 6u);
@@ -169,10 +169,8 @@ protected:
     return StderrRedirection({.environment = [logDirectory](const char *name) {
                                 return std::string_view(name) == "TAVIX_CU_LOG_DIR" ? logDirectory : std::nullopt;
                               },
-                              .now = [] { return march4; },
-                              .homeDirectory = [this] { return home_.path(); },
-                              .targetDescriptor = target_,
-                              .limits = limits});
+                              .now = [] { return march4; }, .homeDirectory = [this] { return home_.path(); },
+                              .targetDescriptor = target_, .limits = limits});
   }
   // The file the descriptor points at now.
   fs::path target() const { return fs::read_symlink("/proc/self/fd/" + std::to_string(target_)); }
@@ -200,26 +198,23 @@ TEST_F(StderrRedirectionTest, TheDescriptorAppendsToTheExplicitLogFileOnceCompac
       "\\S+ level=info .* category=logging event=stderr_sink_attached logPath=\\S+/logs/computer-use-runtime.log\n")));
 }
 
-// Nothing else opens files meanwhile, so a new log file gets the lowest free number: that
-// of the closed target. It keeps it, open across exec, appending and readable by all.
-TEST_F(StderrRedirectionTest, AClosedTargetIsReplacedByANewFileUnderItsNumber) {
+// Each run follows the host to its newest session. Nothing else opens files meanwhile, so
+// the first file gets the lowest free number: that of the closed target. It keeps it, open
+// across exec, appending and readable by all.
+TEST_F(StderrRedirectionTest, EachRunFollowsTheHostToItsNewestSessionUnderTheTargetsNumber) {
   ::close(target_);
-  const mode_t previousMask = ::umask(0);
-  redirectionTo(home_ / "logs").redirectIfNeeded();
-  ::umask(previousMask);
-  EXPECT_EQ(target(), logPath_);
-  EXPECT_EQ(::fcntl(target_, F_GETFD) & FD_CLOEXEC, 0);
-  EXPECT_EQ(::fcntl(target_, F_GETFL) & O_APPEND, O_APPEND);
-  EXPECT_EQ(fs::status(logPath_).permissions(), fs::perms(0644));
-}
-
-TEST_F(StderrRedirectionTest, EachRunFollowsTheHostToItsNewestSession) {
   auto redirection = redirectionTo(std::nullopt);
   for (const std::string session : {"20260101T000000", "20260102T000000"}) {
-    writeFile(home_ / (".config/Tavix/logs/" + session + "/main.log"), "");
+    const std::string directory = home_ / (".config/Tavix/logs/" + session);
+    writeFile(directory + "/main.log", "");
+    const mode_t previousMask = ::umask(0);
     redirection.redirectIfNeeded();
-    EXPECT_EQ(target(), home_ / (".config/Tavix/logs/" + session + "/computer-use-runtime.log"));
+    ::umask(previousMask);
+    EXPECT_EQ(target(), directory + "/computer-use-runtime.log");
+    EXPECT_EQ(fs::status(target()).permissions(), fs::perms(0644));
   }
+  EXPECT_EQ(::fcntl(target_, F_GETFD) & FD_CLOEXEC, 0);
+  EXPECT_EQ(::fcntl(target_, F_GETFL) & O_APPEND, O_APPEND);
   EXPECT_EQ(log_.withEvent("stderr_sink_attached").size(), 2u);
 }
 

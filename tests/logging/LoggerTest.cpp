@@ -5,8 +5,10 @@
 
 #include "fakes/FakeUnifiedLog.h"
 #include "logging/LogLineEncoder.h"
+#include "support/HomeDirectory.h"
 #include "support/RequestContext.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -19,16 +21,15 @@ namespace {
 
 using namespace std::chrono;
 using enum LogLevel;
+using ::testing::_, ::testing::ElementsAre, ::testing::EndsWith;
 
 void setOrUnset(const char *name, const char *value) { value ? setenv(name, value, 1) : unsetenv(name); }
 
 // The test binary runs without the level variables (see TestMain.cpp); a test sets them.
 class LoggerTest : public ::testing::Test {
 protected:
-  LoggerTest() { setenv("HOME", "/home/tester", 1); }
   ~LoggerTest() override {
     unsetenv(logLevelEnvironmentKey), unsetenv(osLogMirrorLevelEnvironmentKey);
-    setenv("HOME", home_.c_str(), 1);
     Log::replaceSinks(std::move(previous_));
   }
   // Fresh sinks, which also forget cached handles and rate-limit state. A line written
@@ -43,7 +44,6 @@ protected:
             unifiedLog, [this] { return wallNow; }, [this] { return monotonicNow; }};
   }
 
-  const std::string home_ = std::getenv("HOME");
   std::atomic<bool> writing_ = false;
   std::vector<std::string> stderrLines;
   std::shared_ptr<test::FakeUnifiedLog> unifiedLog = std::make_shared<test::FakeUnifiedLog>();
@@ -64,41 +64,47 @@ TEST_F(LoggerTest, RoutesLinesByTheEnvironmentThresholds) {
   for (size_t row = 0; row < std::size(cases); ++row) {
     const auto &[stderrLevel, mirrorLevel, level, toStderr, toUnified] = cases[row];
     setOrUnset(logLevelEnvironmentKey, stderrLevel), setOrUnset(osLogMirrorLevelEnvironmentKey, mirrorLevel);
-    stderrLines.clear();
-    const size_t unifiedBefore = unifiedLog->entries().size();
+    const auto before = std::pair(stderrLines.size(), unifiedLog->entries().size());
     Log::log(level, LogCategory::tools, "routed");
-    EXPECT_EQ(std::pair(stderrLines.size(), unifiedLog->entries().size() - unifiedBefore),
+    EXPECT_EQ(std::pair(stderrLines.size() - before.first, unifiedLog->entries().size() - before.second),
               std::pair(toStderr, toUnified)) << "row " << row;
   }
 }
 
 // One encoded line, the same in both sinks, each level with its type, on one handle per
-// category; a handle whose types are disabled gets nothing, standard error is unaffected.
+// category; an emergency fault reaches only the unified log; a handle whose types are
+// disabled gets nothing, standard error is unaffected.
 TEST_F(LoggerTest, WritesOneLineToStandardErrorAndMirrorsItWithTheLevelsType) {
-  Log::warning(LogCategory::tools, "tool_call_started", {{"file_path", "/home/tester/a b"}, {"userText", "hi"}, {"n", 3}});
+  Log::warning(LogCategory::tools, "tool_call_started", {{"file_path", homeDirectory() + "/a b"}, {"userText", "hi"}, {"n", 3}});
   ASSERT_EQ(stderrLines.size(), 1u);
   EXPECT_TRUE(stderrLines[0].starts_with(formatLogTimestamp(wallNow) + " level=warning process="));
   EXPECT_TRUE(stderrLines[0].ends_with(" pid=" + std::to_string(getpid()) + " category=tools event=tool_call_started"
                                        " file_path=\"~/a b\" n=3 userText=[redacted]\n")) << stderrLines[0];
-  setenv(osLogMirrorLevelEnvironmentKey, "debug", 1);
+  setenv(logLevelEnvironmentKey, "fault", 1), setenv(osLogMirrorLevelEnvironmentKey, "fault", 1);
+  Log::emergencyUnifiedFault(LogCategory::logging, "stderr_unusable", {{"errno", 5}});
+  EXPECT_EQ(stderrLines.size(), 1u);
+  unsetenv(logLevelEnvironmentKey), setenv(osLogMirrorLevelEnvironmentKey, "debug", 1);
   for (LogLevel level : allLogLevels)
     Log::log(level, LogCategory::appDiscovery, "mapped");
   Log::info(LogCategory::ipc, "other");
   unifiedLog->setEnabled(false);
-  Log::error(LogCategory::ipc, "disabled");
+  Log::fault(LogCategory::ipc, "disabled");
   EXPECT_TRUE(stderrLines.back().ends_with(" event=disabled\n"));
   const auto entries = unifiedLog->entries();
-  ASSERT_EQ(entries.size(), 7u);
+  ASSERT_EQ(entries.size(), 8u);
   EXPECT_EQ(entries[0].line, stderrLines[0]);
+  EXPECT_TRUE(entries[1].line.starts_with(formatLogTimestamp(wallNow) + " level=fault ")) << entries[1].line;
+  EXPECT_TRUE(entries[1].line.ends_with(" category=logging event=stderr_unusable errno=5\n")) << entries[1].line;
   std::vector<std::pair<std::string, UnifiedLogType>> mirrored;
   for (const auto &entry : entries)
     mirrored.emplace_back(entry.subsystem + " " + entry.category, entry.type);
-  const std::string discovery = "com.tavix.computeruse app-discovery", tools = "com.tavix.computeruse tools";
+  const std::string discovery = "com.tavix.computeruse app-discovery";
   using enum UnifiedLogType;
-  EXPECT_EQ(mirrored, (decltype(mirrored){{tools, defaultType}, {discovery, debug}, {discovery, info},
-                                          {discovery, defaultType}, {discovery, error}, {discovery, fault},
-                                          {"com.tavix.computeruse ipc", info}}));
-  EXPECT_EQ(unifiedLog->handlesMade(), 3);
+  EXPECT_EQ(mirrored, (decltype(mirrored){{"com.tavix.computeruse tools", defaultType},
+                                          {"com.tavix.computeruse logging", fault}, {discovery, debug},
+                                          {discovery, info}, {discovery, defaultType}, {discovery, error},
+                                          {discovery, fault}, {"com.tavix.computeruse ipc", info}}));
+  EXPECT_EQ(unifiedLog->handlesMade(), 4);
 }
 
 // Calls at the given milliseconds after the first, with their index as a field; a line
@@ -122,24 +128,11 @@ TEST_F(LoggerTest, RateLimitedWarningsCountWhatTheySwallow) {
 
 TEST_F(LoggerTest, RateLimitIntervalsBelowOneSecondCountAsOne) {
   for (double interval : {0.5, 0.0, -3.0, std::nan("")}) {
-    Log::replaceSinks(sinks());
-    stderrLines.clear();
+    Log::replaceSinks(sinks()), stderrLines.clear();
     for (milliseconds step : {0ms, 999ms, 1ms})
       monotonicNow += step, Log::rateLimitedWarning(LogCategory::input, "tick", interval);
-    ASSERT_EQ(stderrLines.size(), 2u) << interval;
-    EXPECT_TRUE(stderrLines[1].ends_with(" event=tick suppressedCount=1\n")) << interval;
+    EXPECT_THAT(stderrLines, ElementsAre(_, EndsWith(" event=tick suppressedCount=1\n"))) << interval;
   }
-}
-
-TEST_F(LoggerTest, EmergencyFaultGoesOnlyToTheUnifiedLog) {
-  setenv(logLevelEnvironmentKey, "fault", 1), setenv(osLogMirrorLevelEnvironmentKey, "fault", 1);
-  Log::emergencyUnifiedFault(LogCategory::logging, "stderr_unusable", {{"errno", 5}});
-  EXPECT_TRUE(stderrLines.empty());
-  const auto entries = unifiedLog->entries();
-  ASSERT_EQ(entries.size(), 1u);
-  EXPECT_EQ(entries[0].type, UnifiedLogType::fault);
-  EXPECT_NE(entries[0].line.find(" level=fault "), std::string::npos) << entries[0].line;
-  EXPECT_TRUE(entries[0].line.ends_with(" category=logging event=stderr_unusable errno=5\n"));
 }
 
 TEST_F(LoggerTest, ConcurrentLinesCarryTheRequestOfTheirThreadUntilItsScopeEnds) {
