@@ -20,11 +20,9 @@ public:
     std::string line;
   };
 
-  std::unique_ptr<UnifiedLogHandle> makeHandle(std::string_view subsystem,
-                                               std::string_view category) override {
+  std::unique_ptr<UnifiedLogHandle> makeHandle(std::string_view subsystem, std::string_view category) override {
     ++handlesMade_;
-    return std::make_unique<Handle>(shared_from_this(),
-                                    Entry{std::string(subsystem), std::string(category), {}, {}});
+    return std::make_unique<Handle>(shared_from_this(), Entry{std::string(subsystem), std::string(category), {}, {}});
   }
   // Whether handles report their types as enabled (all of them, or none).
   void setEnabled(bool enabled) { enabled_ = enabled; }

@@ -182,22 +182,6 @@ protected:
   const CapturedLog log_{unifiedLog_};
 };
 
-// An oversized file is compacted first; then the descriptor appends to it.
-TEST_F(StderrRedirectionTest, TheDescriptorAppendsToTheExplicitLogFileOnceCompacted) {
-  writeFile(logPath_, std::string(3000, 'a') + "\n" + std::string(2000, 'b') + "\n");
-  auto redirection = redirectionTo(home_ / "logs", {4096, 2500});
-  redirection.redirectIfNeeded();
-  EXPECT_EQ(target(), logPath_);
-  EXPECT_EQ(redirection.currentLogPath(), logPath_);
-  ASSERT_EQ(::write(target_, "later\n", 6), 6);
-  EXPECT_THAT(readFile(logPath_), ::testing::MatchesRegex(
-      "b{2000}\n\\S+ level=warning .* event=log_compacted previousBytes=5002 reason=size_limit\nlater\n"));
-  // The same file on the next run: nothing moves and nothing more is logged.
-  redirection.redirectIfNeeded();
-  EXPECT_THAT(log_.withEvent("stderr_sink_attached"), ::testing::ElementsAre(::testing::MatchesRegex(
-      "\\S+ level=info .* category=logging event=stderr_sink_attached logPath=\\S+/logs/computer-use-runtime.log\n")));
-}
-
 // Each run follows the host to its newest session. Nothing else opens files meanwhile, so
 // the first file gets the lowest free number: that of the closed target. It keeps it, open
 // across exec, appending and readable by all.
@@ -219,10 +203,12 @@ TEST_F(StderrRedirectionTest, EachRunFollowsTheHostToItsNewestSessionUnderTheTar
 }
 
 // A file where the log directory should be: neither the directory nor the file can be
-// made, which only the system log hears of, and the descriptor stays where it was.
-TEST_F(StderrRedirectionTest, FailuresLeaveTheDescriptorAndTellOnlyTheSystemLog) {
+// made, which only the system log hears of, and the descriptor stays where it was. Once the
+// obstacle is gone, the next run attaches: an oversized file is compacted first, then the
+// descriptor appends to it.
+TEST_F(StderrRedirectionTest, FailuresTellOnlyTheSystemLogThenTheDescriptorAppendsToTheCompactedFile) {
   writeFile(home_ / "logs", "");
-  auto redirection = redirectionTo(home_ / "logs");
+  auto redirection = redirectionTo(home_ / "logs", {4096, 2500});
   redirection.redirectIfNeeded();
   EXPECT_EQ(target(), "/dev/null");
   EXPECT_EQ(redirection.currentLogPath(), std::nullopt);
@@ -234,10 +220,19 @@ TEST_F(StderrRedirectionTest, FailuresLeaveTheDescriptorAndTellOnlyTheSystemLog)
       ::testing::MatchesRegex("\\S+ level=fault .* category=logging event=log_directory_create_failed directoryPath=\\S+"
                               "/logs error=\"std::error_code\\(domain=generic,code=20\\)\"\n"),
       ::testing::MatchesRegex("\\S+ level=fault .* event=log_file_open_failed errno=20 logPath=\\S+\n")));
-  // Once the obstacle is gone, the next run attaches.
+
   fs::remove(home_ / "logs");
+  writeFile(logPath_, std::string(3000, 'a') + "\n" + std::string(2000, 'b') + "\n");
   redirection.redirectIfNeeded();
   EXPECT_EQ(target(), logPath_);
+  EXPECT_EQ(redirection.currentLogPath(), logPath_);
+  ASSERT_EQ(::write(target_, "later\n", 6), 6);
+  EXPECT_THAT(readFile(logPath_), ::testing::MatchesRegex(
+      "b{2000}\n\\S+ level=warning .* event=log_compacted previousBytes=5002 reason=size_limit\nlater\n"));
+  // The same file on the next run: nothing moves and nothing more is logged.
+  redirection.redirectIfNeeded();
+  EXPECT_THAT(log_.withEvent("stderr_sink_attached"), ::testing::ElementsAre(::testing::MatchesRegex(
+      "\\S+ level=info .* category=logging event=stderr_sink_attached logPath=\\S+/logs/computer-use-runtime.log\n")));
 }
 
 // Destroys the timer on a thread of its own and says whether that ended within five

@@ -21,9 +21,7 @@ int main(int argc, char **argv) {
   const std::string directory = argv[1], writer = argv[2];
   const long lines = std::stol(argv[3]), compactEvery = std::stol(argv[4]);
   const LogFileLimits limits{std::stoll(argv[5]), std::stoll(argv[6])};
-  StderrRedirection redirection(
-      {.environment = [directory](const char *) { return std::optional(directory); },
-       .limits = limits});
+  StderrRedirection redirection({.environment = [directory](const char *) { return std::optional(directory); }, .limits = limits});
   redirection.redirectIfNeeded();
   const auto path = redirection.currentLogPath();
   if (!path)
