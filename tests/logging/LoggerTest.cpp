@@ -20,7 +20,7 @@ namespace tavix {
 namespace {
 
 using namespace std::chrono;
-using enum LogLevel;
+using enum TavixComputerUseLogLevel; // clang 14 takes no alias here
 using ::testing::_, ::testing::ElementsAre, ::testing::EndsWith;
 
 void setOrUnset(const char *name, const char *value) { value ? setenv(name, value, 1) : unsetenv(name); }
