@@ -22,9 +22,7 @@ constexpr double nan = std::numeric_limits<double>::quiet_NaN(), inf = std::nume
 constexpr auto none = std::nullopt;
 
 // Why a value did not decode; "decoded" when it did.
-template <typename Record> std::string why(const Decoded<Record> &decoded) {
-  return decoded ? "decoded" : decoded.error().description;
-}
+template <typename Record> std::string why(const Decoded<Record> &decoded) { return decoded ? "decoded" : decoded.error().description; }
 
 // Decodes a complete example, in which required keys are marked "!", checks that it
 // encodes back to the same JSON, then takes each key away in turn: a required key must fail
@@ -34,11 +32,8 @@ template <typename Record> void expectFieldRules(const std::string &example) {
   json complete = json::object();
   std::set<std::string> required;
   const json marked = json::parse(example);
-  for (const auto &[key, value] : marked.items()) {
-    if (key.starts_with('!'))
-      required.insert(key.substr(1));
-    complete[key.substr(key.starts_with('!') ? 1 : 0)] = value;
-  }
+  for (const auto &[key, value] : marked.items())
+    complete[key.starts_with('!') ? *required.insert(key.substr(1)).first : key] = value;
   EXPECT_EQ(Record::fromJSON(complete).value().toJSON(), complete);
   for (const auto &[key, value] : complete.items()) {
     json without = complete, nulled = complete;
@@ -58,18 +53,16 @@ template <typename Record> void expectFieldRules(const std::string &example) {
 }
 
 const std::string rect = R"({"!x":1.5,"!y":-2,"!width":300,"!height":200.25})";
-const std::string display = R"({"id":-9007199254740993,"scaleFactor":2,"bounds":{"x":1,"y":2,"width":3,"height":4},)"
-                            R"("workArea":{"x":0,"y":0,"width":3,"height":4}})";
-const std::string animation = R"({"zumexDisplay":)" + display + R"(,"destinationBackgroundColor":"#101010",)"
-                              R"("destinationCornerRadius":12,"destinationFrame":{"x":1,"y":2,"width":3,"height":4},)"
-                              R"("destinationPrimaryTextColor":"#fafafa"})";
+const std::string display =
+    R"({"id":-9007199254740993,"scaleFactor":2,"bounds":{"x":1,"y":2,"width":3,"height":4},"workArea":{"x":0,"y":0,"width":3,"height":4}})";
+const std::string animation = R"({"zumexDisplay":)" + display + R"(,"destinationBackgroundColor":"#101010","destinationCornerRadius":12,)"
+                              R"("destinationFrame":{"x":1,"y":2,"width":3,"height":4},"destinationPrimaryTextColor":"#fafafa"})";
 const std::string target = R"({"bundleIdentifier":"b","name":"N","iconSmallDataURL":"data:,","windowTitle":"G"})";
 const std::string click = R"({"click":{"_0":{"clickCount":1,"elementIndex":7,"mouseButton":0}}})";
 
 TEST(ContractRecords, EveryRecordFollowsTheFieldRules) {
   expectFieldRules<ComputerUseIPCHealthRequest>(R"({"refreshClientActivity":true})");
-  expectFieldRules<ComputerUseIPCAppGetStateRequest>(
-      R"({"!app":"N","sessionId":"s","observation":"both","disableDiffing":false})");
+  expectFieldRules<ComputerUseIPCAppGetStateRequest>(R"({"!app":"N","sessionId":"s","observation":"both","disableDiffing":false})");
   expectFieldRules<ComputerUseIPCAppPerformActionRequest>(R"({"!app":"N","sessionId":"s","!action":)" + click + "}");
   expectFieldRules<ComputerUseIPCAppExecuteActionRequest>(R"({"!app":"N","sessionId":"s","!action":)" + click + "}");
   expectFieldRules<ComputerUseIPCAppStartRequest>(R"({"!app":"Notes"})");
@@ -80,18 +73,17 @@ TEST(ContractRecords, EveryRecordFollowsTheFieldRules) {
   expectFieldRules<ComputerUseIPCEventStreamStartRequest>(
       R"({"sessionId":"s","approvalAlreadyGranted":true,"maxDurationSeconds":600,"screenshotMode":"off"})");
   expectFieldRules<ComputerUseIPCEventStreamStopRequest>(R"({"!reason":"toolStopped"})");
-  expectFieldRules<ComputerUseIPCHealthResponse>(
-      R"({"!generationID":"g","!runtimePID":4242,"!bundleIdentifier":"b","!bundlePath":"/p","!isHealthy":true,)"
-      R"("activeClientCount":2,"heartbeatTimeoutSeconds":90.5})");
+  expectFieldRules<ComputerUseIPCHealthResponse>(R"({"!generationID":"g","!runtimePID":4242,"!bundleIdentifier":"b","!bundlePath":"/p",)"
+                                                 R"("!isHealthy":true,"activeClientCount":2,"heartbeatTimeoutSeconds":90.5})");
   expectFieldRules<ComputerUseIPCToolResultResponse>(
       R"({"!content":[{"type":"text","text":"t"}],"!isError":true,"failure":{"kind":"staleState"}})");
   expectFieldRules<ComputerUseIPCToolContentBlock>(R"({"!type":"image","text":"t","data":"AAAA","mimeType":"m"})");
   expectFieldRules<ComputerUseFailure>(R"({"!kind":"lockedUseTimedOut","detail":"d","elementID":"e","nativeCode":5})");
   expectFieldRules<ComputerUseIPCEventStreamSessionStatus>(
-      R"({"!isRecording":true,"recordSessionId":"r","sessionDirectoryPath":"/d","eventsPath":"/d/e",)"
-      R"("metadataPath":"/d/m","suppressedEventsPath":"/d/s","startedAt":"2026-11-23T08:00:00Z",)"
-      R"("endedAt":"2026-11-23T08:10:00Z","endReason":"somethingNew","errorMessage":"e","sessionId":"s",)"
-      R"("!eventCount":3,"!suppressedEventCount":1,"!maxDurationSeconds":600,"!screenshotMode":"interaction_settled"})");
+      R"({"!isRecording":true,"recordSessionId":"r","sessionDirectoryPath":"/d","eventsPath":"/d/e","metadataPath":"/d/m",)"
+      R"("suppressedEventsPath":"/d/s","startedAt":"2026-11-23T08:00:00Z","endedAt":"2026-11-23T08:10:00Z","endReason":"somethingNew",)"
+      R"("errorMessage":"e","sessionId":"s","!eventCount":3,"!suppressedEventCount":1,"!maxDurationSeconds":600,)"
+      R"("!screenshotMode":"interaction_settled"})");
   // The appshot records, which the bridge passes between the host and the runtime app.
   expectFieldRules<ComputerUseIPCAppStartFrontmostCaptureRequest>(
       R"({"!requestId":"r","bundleIdentifier":"b","windowID":4294967295,"animationTarget":)" + animation + "}");
@@ -152,12 +144,10 @@ TEST(ContractRecords, IntegersMustBeWholeAndFitTheirFieldAndEnumerationsTakeOnly
 }
 
 TEST(ContractRecords, ANestedRecordsFailureFailsTheWholeRecord) {
-  const std::pair<const char *, std::string> cases[] = {
-      {R"({"destinationFrame":{"x":1,"y":2,"width":3}})", "Missing required key \"height\""},
+  const std::pair<const char *, std::string> cases[] = {{R"({"destinationFrame":{"x":1,"y":2,"width":3}})", "Missing required key \"height\""},
       {R"({"zumexDisplay":{"workArea":{"x":1,"y":2,"width":3}}})", "Missing required key \"height\""},
       {R"({"zumexDisplay":{"id":1.5}})", "Expected an integer in range for \"id\""},
-      {R"({"destinationFrame":[1,2,3,4]})", "Expected an object for ComputerUseIPCAppshotRect"},
-  };
+      {R"({"destinationFrame":[1,2,3,4]})", "Expected an object for ComputerUseIPCAppshotRect"}};
   for (const auto &[animationTarget, error] : cases)
     EXPECT_EQ(why(ComputerUseIPCAppStartFrontmostCaptureRequest::fromJSON(
                   {{"requestId", "r1"}, {"animationTarget", json::parse(animationTarget)}})), error);
@@ -175,31 +165,24 @@ TEST(ComputerUseIPCAction, EveryCaseRoundTripsThroughItsOneKeyForm) {
       {{SetValueParams{4, ""}}, R"({"setValue":{"_0":{"elementIndex":4,"value":""}}})"},
       {{TextSelectionParams{5, "w", "a ", "b", TextSelectionMode::cursorAfter}},
        R"({"selectText":{"_0":{"elementIndex":5,"prefix":"a ","selection":"cursor_after","suffix":"b","text":"w"}}})"},
-      {{PerformSecondaryActionParams{6, "AXShowMenu"}},
-       R"({"performSecondaryAction":{"_0":{"action":"AXShowMenu","elementIndex":6}}})"},
-  };
+      {{PerformSecondaryActionParams{6, "AXShowMenu"}}, R"({"performSecondaryAction":{"_0":{"action":"AXShowMenu","elementIndex":6}}})"}};
   for (const auto &[action, text] : cases) {
     EXPECT_EQ(action.toJSON().dump(), text);
     EXPECT_EQ(ComputerUseIPCAction::fromJSON(json::parse(text)), action) << text;
   }
   // Keys that name no case are ignored, as in every record.
-  EXPECT_EQ(ComputerUseIPCAction::fromJSON(json::parse(R"({"pressKey":{"_0":{"key":"a"}},"hover":1})")),
-            ComputerUseIPCAction{PressKeyParams{"a"}});
-  const std::pair<std::string, std::string> malformed[] = {
-      {R"({})", "Invalid number of keys found, expected one."},
-      {R"({"click":{"_0":{}},"drag":{"_0":{}}})", "Invalid number of keys found, expected one."},
-      {R"({"Click":{"_0":{"clickCount":1,"mouseButton":0}}})", "Invalid number of keys found, expected one."},
-      {R"({"click":{}})", "Missing required key \"_0\""}, {R"({"click":[]})", "Expected an object for click"},
-      {R"([])", "Expected an object for ComputerUseIPCAction"},
-  };
+  EXPECT_EQ(ComputerUseIPCAction::fromJSON(json::parse(R"({"pressKey":{"_0":{"key":"a"}},"hover":1})")), ComputerUseIPCAction{PressKeyParams{"a"}});
+  const std::string notOne = "Invalid number of keys found, expected one.";
+  const std::pair<std::string, std::string> malformed[] = {{R"({})", notOne}, {R"({"click":{"_0":{}},"drag":{"_0":{}}})", notOne},
+      {R"({"Click":{"_0":{"clickCount":1,"mouseButton":0}}})", notOne}, {R"({"click":{}})", "Missing required key \"_0\""},
+      {R"({"click":[]})", "Expected an object for click"}, {R"([])", "Expected an object for ComputerUseIPCAction"}};
   for (const auto &[text, reason] : malformed)
     EXPECT_EQ(why(ComputerUseIPCAction::fromJSON(json::parse(text))), reason) << text;
 }
 
 // The message a validation fails with, or "" when it passes.
 template <typename Params> std::string verdict(const Params &params) {
-  const auto result = params.validate();
-  return result ? "" : result.error().description();
+  return params.validate() ? "" : params.validate().error().description();
 }
 
 TEST(ActionValidation, ClickScrollAndPasteAtTheirBounds) {
@@ -213,15 +196,12 @@ TEST(ActionValidation, ClickScrollAndPasteAtTheirBounds) {
       {{none, 1e12, -1e12, 1, 0}, ""}, // no bound on click coordinates
       {{-5, nan, nan, 1, 0}, ""},      // an index leaves coordinates (and itself) unchecked
       {{3, none, none, 0, 0}, badCount}, {{none, nan, 1, 0, 7}, badPoint}, // the first failure wins
-      {{3, none, none, 1, -1}, badButton}, {{3, none, none, 1, 2}, ""}, {{3, none, none, 1, 3}, badButton},
-  };
+      {{3, none, none, 1, -1}, badButton}, {{3, none, none, 1, 2}, ""}, {{3, none, none, 1, 3}, badButton}};
   for (const auto &[params, expected] : clicks)
     EXPECT_EQ(verdict(params), expected) << params.toJSON();
-  const std::string badIndex = "Invalid element_index. Provide a non-negative integer index.";
-  const std::string needsTarget =
-      "scroll requires an element_index string or both numeric x and y in screenshot pixel coordinates.";
+  const std::string badIndex = "Invalid element_index. Provide a non-negative integer index.", badPages = "pages must be a finite number in (0, 100].";
+  const std::string needsTarget = "scroll requires an element_index string or both numeric x and y in screenshot pixel coordinates.";
   const std::string badDirection = "Invalid scroll direction. Use up, down, left, or right.";
-  const std::string badPages = "pages must be a finite number in (0, 100].";
   const std::pair<ScrollParams, std::string> scrolls[] = {
       {{0, none, none, 0, 1}, ""}, {{1000000, none, none, 0, 1}, ""}, {{1000001, none, none, 0, 1}, badIndex},
       {{-1, none, none, 0, 1}, badIndex}, {{none, 1000000, -1000000, 0, 1}, ""},
@@ -231,16 +211,13 @@ TEST(ActionValidation, ClickScrollAndPasteAtTheirBounds) {
       {{0, none, none, 0, 100.0}, ""}, {{0, none, none, 0, std::nextafter(100.0, 200.0)}, badPages},
       {{0, none, none, 0, 0}, badPages}, {{0, none, none, 0, 5e-324}, ""}, {{0, none, none, 0, nan}, badPages},
       {{0, none, none, 0, inf}, badPages}, {{-1, none, none, 9, 0}, badIndex}, // the first failure wins
-      {{0, nan, inf, 0, 1}, ""}, // an index leaves coordinates unchecked
-  };
+      {{0, nan, inf, 0, 1}, ""}}; // an index leaves coordinates unchecked
   for (const auto &[params, expected] : scrolls)
     EXPECT_EQ(verdict(params), expected) << params.toJSON();
   // Bytes of UTF-8 count, not characters: "€" is three.
-  const std::string tooLong = "paste text must be nonempty and at most 4 MB of UTF-8.";
-  const std::string justFits = std::string(3999997, 'a') + "€";
+  const std::string tooLong = "paste text must be nonempty and at most 4 MB of UTF-8.", justFits = std::string(3999997, 'a') + "€";
   const std::pair<std::string, std::string> pastes[] = {
-      {"", tooLong}, {std::string(4000000, 'a'), ""}, {std::string(4000001, 'a'), tooLong},
-      {justFits, ""}, {justFits + "a", tooLong}};
+      {"", tooLong}, {std::string(4000000, 'a'), ""}, {std::string(4000001, 'a'), tooLong}, {justFits, ""}, {justFits + "a", tooLong}};
   for (const auto &[text, expected] : pastes)
     EXPECT_EQ(verdict(PasteParams{text, PasteFormat::text}), expected) << text.size();
 }

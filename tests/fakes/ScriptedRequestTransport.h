@@ -20,6 +20,11 @@
 namespace tavix::test {
 
 class ScriptedRequestTransport final : public ComputerUseRequestTransport {
+  template <typename Change> auto locked(Change change) const {
+    std::lock_guard guard(lock_);
+    return change();
+  }
+
 public:
   using Reply = ClientResult<std::string>;
 
@@ -32,9 +37,7 @@ public:
   };
 
   // Answers requests of `requestType` with `replies` in order; the last one repeats.
-  void script(const std::string &requestType, std::vector<Reply> replies) {
-    locked([&] { scripts_[requestType] = std::deque<Reply>(replies.begin(), replies.end()); });
-  }
+  void script(const std::string &type, std::vector<Reply> replies) { locked([&] { scripts_[type].assign(replies.begin(), replies.end()); }); }
   // Answers every unscripted type.
   void scriptDefault(Reply reply) { locked([&] { defaultReply_ = std::move(reply); }); }
   // A connection counts as established as set here, or, once asked to, after the first
@@ -45,46 +48,29 @@ public:
   // holds only the sends of one request type.
   void hold() { locked([&] { held_ = true; }); }
   void holdType(std::string type) { locked([&] { heldTypes_.insert(std::move(type)); }); }
-  void release() {
-    std::lock_guard guard(lock_);
-    held_ = false;
-    heldTypes_.clear();
-    changed_.notify_all();
-  }
+  void release() { locked([&] { held_ = false; heldTypes_.clear(); changed_.notify_all(); }); }
 
   std::string_view transportName() const override { return "scripted"; }
-  bool hasEstablishedConnection() const override {
-    std::lock_guard guard(lock_);
-    return established_;
-  }
+  bool hasEstablishedConnection() const override { return locked([&] { return established_; }); }
 
-  ClientResult<std::string> send(std::string_view requestType, std::string requestData,
-                                 std::optional<double> timeoutSeconds) override {
+  ClientResult<std::string> send(std::string_view requestType, std::string requestData, std::optional<double> timeoutSeconds) override {
     const auto context = RequestContext::current();
     const std::string type(requestType);
     std::unique_lock guard(lock_);
-    sent_.push_back({type, std::move(requestData), timeoutSeconds, context->correlationID(),
-                     context->sessionID(), std::this_thread::get_id()});
+    sent_.push_back({type, std::move(requestData), timeoutSeconds, context->correlationID(), context->sessionID(), std::this_thread::get_id()});
     changed_.notify_all();
-    const auto released = [&] { return !held_ && !heldTypes_.contains(type); };
-    changed_.wait(guard, context->cancellation(), released);
+    changed_.wait(guard, context->cancellation(), [&] { return !held_ && !heldTypes_.contains(type); });
     if (context->isCancelled())
       return tl::unexpected(ClientFailure(CancellationError{}));
-    Reply reply = defaultReply_;
-    if (auto found = scripts_.find(type); found != scripts_.end() && !found->second.empty()) {
-      reply = found->second.front();
-      if (found->second.size() > 1)
-        found->second.pop_front();
-    }
-    if (reply && establishOnReply_)
-      established_ = true;
+    auto &script = scripts_[type];
+    const Reply reply = script.empty() ? defaultReply_ : script.front();
+    if (script.size() > 1)
+      script.pop_front();
+    established_ = established_ || (establishOnReply_ && reply);
     return reply;
   }
 
-  std::vector<Sent> sent() const {
-    std::lock_guard guard(lock_);
-    return sent_;
-  }
+  std::vector<Sent> sent() const { return locked([&] { return sent_; }); }
   std::vector<std::string> sentTypes() const {
     std::vector<std::string> types;
     for (const auto &request : sent())
@@ -99,11 +85,6 @@ public:
   }
 
 private:
-  template <typename Change> void locked(Change change) {
-    std::lock_guard guard(lock_);
-    change();
-  }
-
   mutable std::mutex lock_;
   mutable std::condition_variable_any changed_;
   std::map<std::string, std::deque<Reply>> scripts_;

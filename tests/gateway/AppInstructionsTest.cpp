@@ -22,8 +22,7 @@ namespace {
 
 using nlohmann::json;
 
-constexpr std::pair<MCPServerMode, const char *> modes[] = {{MCPServerMode::computerUse, "computerUse"},
-                                                            {MCPServerMode::recordReplay, "recordReplay"}};
+constexpr std::pair<MCPServerMode, const char *> modes[] = {{MCPServerMode::computerUse, "computerUse"}, {MCPServerMode::recordReplay, "recordReplay"}};
 
 TEST(ToolCatalogue, MatchesTheExpectedCatalogueToolByToolAndByteForByte) {
   // Transcribed independently of the code, so that each checks the other's typos.
@@ -56,10 +55,9 @@ TEST(InstructionTexts, EachTextIsItsAppsAndNamesOnlyWhatTheCatalogueHas) {
   EXPECT_EQ(namedWords("Use `click`, then `open_app` and take_screenshot."),
             (std::set<std::string>{"click", "open_app", "take_screenshot"}));
   EXPECT_TRUE(known("cursor_after") && known("max_duration_seconds") && !known("open_app") && !known("Scroll"));
-  const std::pair<std::string_view, std::string_view> headings[] = {
-      {"AppleMusic", "## Music Computer Use"}, {"Clock", "## Clock Computer Use"}, {"Excel", "## Excel Computer Use"},
-      {"Notion", "## Notion Computer Use"},    {"Numbers", "## Numbers Computer Use"},
-      {"Spotify", "## Spotify Computer Use"},  {"iPhone Mirroring", "### iPhone Mirroring Instructions"},
+  const std::pair<std::string_view, std::string_view> headings[] = {{"AppleMusic", "## Music Computer Use"},
+      {"Clock", "## Clock Computer Use"}, {"Excel", "## Excel Computer Use"}, {"Notion", "## Notion Computer Use"},
+      {"Numbers", "## Numbers Computer Use"}, {"Spotify", "## Spotify Computer Use"}, {"iPhone Mirroring", "### iPhone Mirroring Instructions"},
       {"VSCodeLikeIDE", "## VS Code-like IDE Computer Use"}, {"", "# Computer Use"}};
   EXPECT_EQ(builtInInstructionBaseNames().size(), std::size(headings) - 1);
   for (const auto &[baseName, heading] : headings) {
@@ -72,33 +70,28 @@ TEST(InstructionTexts, EachTextIsItsAppsAndNamesOnlyWhatTheCatalogueHas) {
 }
 
 TEST(AppInstructionProvider, ChoosesTheFileByBundleIdentifierThenNameThenContainment) {
+  // The identifier decides over the name; then blanks are removed from the name, which may
+  // contain the app's, and the first entry that matches wins.
+  constexpr auto none = std::nullopt;
   const std::tuple<std::optional<std::string_view>, std::string_view, std::optional<std::string_view>> cases[] = {
-      {"COM.MICROSOFT.EXCEL", "", "Excel"}, {"com.apple.ScreenContinuity", "", "iPhone Mirroring"},
-      {"com.vscodium", "", "VSCodeLikeIDE"}, {"com.vscodium.extra", "", std::nullopt},
-      {"com.spotify.client", "Excel", "Spotify"}, // the identifier decides
-      {"com.example.unknown", "Cursor", "VSCodeLikeIDE"}, {std::nullopt, " Clock\n", "Clock"},
-      {std::nullopt, "Apple Music", "AppleMusic"}, // blanks removed
-      {std::nullopt, "Microsoft Excel", "Excel"},  // contained
-      {std::nullopt, "excel clock", "Clock"},      // the first entry that matches wins
-      {std::nullopt, "Music", std::nullopt}, {std::nullopt, "", std::nullopt},
-  };
+      {"COM.MICROSOFT.EXCEL", "", "Excel"}, {"com.apple.ScreenContinuity", "", "iPhone Mirroring"}, {"com.vscodium", "", "VSCodeLikeIDE"},
+      {"com.vscodium.extra", "", none}, {"com.spotify.client", "Excel", "Spotify"}, {"com.example.unknown", "Cursor", "VSCodeLikeIDE"},
+      {none, " Clock\n", "Clock"}, {none, "Apple Music", "AppleMusic"}, {none, "Microsoft Excel", "Excel"}, {none, "excel clock", "Clock"},
+      {none, "Music", none}, {none, "", none}};
   for (const auto &[bundleIdentifier, name, baseName] : cases)
     EXPECT_EQ(AppInstructionProvider::instructionFileBaseName(bundleIdentifier, name), baseName)
         << bundleIdentifier.value_or("<none>") << " / " << name;
 }
 
 TEST(AppQueryResolution, TheQueryAloneNamesTheAppAndItsAdviceOnce) {
+  constexpr auto none = std::nullopt;
   const std::tuple<std::string_view, ResolvedApp, std::string> cases[] = {
-      {" excel.APP\n", {std::nullopt, "excel"}, "Excel"},
-      {"/Applications/Microsoft Excel.app", {std::nullopt, "Microsoft Excel"}, "Excel"},
+      {" excel.APP\n", {none, "excel"}, "Excel"}, {"/Applications/Microsoft Excel.app", {none, "Microsoft Excel"}, "Excel"},
       {"com.microsoft.excel", {"com.microsoft.excel", "com.microsoft.excel"}, "Excel"},
-      {"/Applications/Cursor.app/", {std::nullopt, "Cursor"}, "VSCodeLikeIDE"},
+      {"/Applications/Cursor.app/", {none, "Cursor"}, "VSCodeLikeIDE"},
       {"Visual Studio Code", {"com.microsoft.vscode", "Visual Studio Code"}, "VSCodeLikeIDE"},
       {"iPhone Mirroring.app", {"com.apple.screencontinuity", "iPhone Mirroring"}, "iPhone Mirroring"},
-      {"Music", {"com.apple.music", "Music"}, "AppleMusic"},
-      {"Notes.app", {std::nullopt, "Notes"}, "notes"},
-      {".app", {std::nullopt, ""}, ""},
-  };
+      {"Music", {"com.apple.music", "Music"}, "AppleMusic"}, {"Notes.app", {none, "Notes"}, "notes"}, {".app", {none, ""}, ""}};
   for (const auto &[query, app, key] : cases) {
     EXPECT_EQ(resolveAppQuery(query), app) << query;
     EXPECT_EQ(deliveryKey(app), key) << query;
@@ -118,8 +111,7 @@ TEST(AppInstructionProvider, AUsersFileIsAddedAfterTheBuiltInTextTrimmedWhenItIs
   const AppInstructionProvider provider(directory.path());
   const auto builtIn = [](std::string_view baseName) { return std::string(*builtInInstructions(baseName)); };
   EXPECT_EQ(provider.instructions(std::nullopt, "Excel"), builtIn("Excel") + "\n\nPrefer formulas.");
-  EXPECT_EQ(provider.instructions("com.apple.screencontinuity", ""),
-            builtIn("iPhone Mirroring") + "\n\nUse the Home Screen.");
+  EXPECT_EQ(provider.instructions("com.apple.screencontinuity", ""), builtIn("iPhone Mirroring") + "\n\nUse the Home Screen.");
   for (const char *ignored : {"Spotify", "Numbers", "Clock", "Notion"})
     EXPECT_EQ(provider.instructions(std::nullopt, ignored), builtIn(ignored)) << ignored;
   EXPECT_EQ(provider.instructions(std::nullopt, "Notes"), std::nullopt);

@@ -32,10 +32,9 @@ std::string status(bool recording = false, const std::string &extra = "") {
 std::string shown(const std::string &status) { return *prettyJSON(json::parse(status)); }
 
 TEST(MCPToolGateway, EachToolSendsItsRequestsInTheCallsSessionAndAnswersWithItsResult) {
-  const std::string recordingA = status(true, R"(,"sessionId":"a")");
+  const std::string recordingA = status(true, R"(,"sessionId":"a")"), statusSent = "ComputerUseIPCEventStreamStatusRequest {}";
   const std::string conflict = "Record & Replay is already recording for another session. Stop or discard it before "
                                "starting a new recording.";
-  const std::string statusSent = "ComputerUseIPCEventStreamStatusRequest {}";
   const std::string startSent = statusSent + "; ComputerUseIPCEventStreamStartRequest ";
   const std::string clickSent = R"(ComputerUseIPCAppPerformActionRequest {"action":{"click":{"_0":{"clickCount":1,)"
                                 R"("elementIndex":9,"mouseButton":0}}},"app":"N","sessionId":"s"})";
@@ -48,12 +47,10 @@ TEST(MCPToolGateway, EachToolSendsItsRequestsInTheCallsSessionAndAnswersWithItsR
     const char *session = "s";
   } cases[] = {
       {"list_apps", "{}", "ComputerUseIPCListAppsRequest {}", textReply, "done"},
-      {"get_app_state", R"({"app":"N"})", R"(ComputerUseIPCAppGetStateRequest {"app":"N","sessionId":"s"})", textReply,
-       "done"},
+      {"get_app_state", R"({"app":"N"})", R"(ComputerUseIPCAppGetStateRequest {"app":"N","sessionId":"s"})", textReply, "done"},
       // A runtime failure reported in the response stays the tool's result.
       {"click", R"({"app":"N","element_index":"9"})", clickSent,
-       std::string(R"({"content":[{"type":"text","text":"No"}],"isError":true,"failure":{"kind":"invalidElement"}})"),
-       "No", true},
+       std::string(R"({"content":[{"type":"text","text":"No"}],"isError":true,"failure":{"kind":"invalidElement"}})"), "No", true},
       // Arguments that fail, and names that are no tool, send nothing.
       {"get_app_state", "{}", "", textReply, "Missing required argument: app", true, true},
       {"Click", R"({"app":"N"})", "", textReply, "Unknown tool: Click", true},
@@ -62,14 +59,12 @@ TEST(MCPToolGateway, EachToolSendsItsRequestsInTheCallsSessionAndAnswersWithItsR
        "\"maxDurationSeconds\": 600,\n  \"screenshotMode\": \"off\",\n  \"suppressedEventCount\": 0\n}"},
       {"event_stream_status", "{}", statusSent, status(false, R"(,"errorMessage":"No.")"), "No.", true},
       {"event_stream_status", "{}", statusSent, status(false, R"(,"errorMessage":"")"), shown(status(false, R"(,"errorMessage":"")"))},
-      {"event_stream_stop", "{}", R"(ComputerUseIPCEventStreamStopRequest {"reason":"toolStopped"})", status(),
-       shown(status())},
+      {"event_stream_stop", "{}", R"(ComputerUseIPCEventStreamStopRequest {"reason":"toolStopped"})", status(), shown(status())},
       // Starting asks for the status first, starts only when nothing records, and never takes
       // over the recording of another session; the duration and mode are read leniently.
       {"event_stream_start", "{}", startSent + R"({"sessionId":"s"})", status(), shown(recordingA)},
       {"event_stream_start", R"({"max_duration_seconds":0,"screenshot_mode":"window_changes"})",
-       startSent + R"({"maxDurationSeconds":1,"screenshotMode":"window_changes","sessionId":"s"})", status(),
-       shown(recordingA)},
+       startSent + R"({"maxDurationSeconds":1,"screenshotMode":"window_changes","sessionId":"s"})", status(), shown(recordingA)},
       {"event_stream_start", R"({"max_duration_seconds":"600","screenshot_mode":"Off"})",
        startSent + R"({"maxDurationSeconds":600})", status(), shown(recordingA), false, false, nullptr},
       {"event_stream_start", "{}", statusSent, recordingA, conflict, true},
@@ -86,7 +81,8 @@ TEST(MCPToolGateway, EachToolSendsItsRequestsInTheCallsSessionAndAnswersWithItsR
     for (const auto &c : cases) {
       SCOPED_TRACE(std::string(c.tool) + " " + c.arguments + " " + c.reply.value_or("failure"));
       ToolCallHarness harness(mode);
-      harness.setEnvironment("TAVIX_CHAT_SESSION_ID", c.session ? std::optional<std::string>(c.session) : std::nullopt);
+      const auto session = c.session ? std::optional<std::string>(c.session) : std::nullopt;
+      harness.setEnvironment("TAVIX_CHAT_SESSION_ID", session);
       harness.runtime().scriptDefault(c.reply);
       harness.runtime().script("ComputerUseIPCEventStreamStartRequest", {recordingA});
       json expected = {{"content", {{{"text", c.text}, {"type", "text"}}}}};
@@ -96,10 +92,9 @@ TEST(MCPToolGateway, EachToolSendsItsRequestsInTheCallsSessionAndAnswersWithItsR
         expected["isError"] = true;
       EXPECT_EQ(harness.result({{"name", c.tool}, {"arguments", json::parse(c.arguments)}}), expected);
       std::string sent;
-      for (const auto &request : harness.runtime().sent()) {
+      for (const auto &request : harness.runtime().sent()) { // the session, and the client's own time-out
         sent += (sent.empty() ? "" : "; ") + request.requestType + " " + request.body;
-        EXPECT_EQ(request.sessionID, c.session ? std::optional<std::string>(c.session) : std::nullopt);
-        EXPECT_EQ(request.timeoutSeconds, std::nullopt); // the client's own time-out
+        EXPECT_EQ(std::pair(request.sessionID, request.timeoutSeconds), std::pair(session, std::optional<double>()));
       }
       EXPECT_EQ(sent, c.sent);
       harness.runtime().scriptDefault(textReply); // a failed call leaves the guide for the next
@@ -144,10 +139,9 @@ TEST(MCPToolGateway, AHostTurnIsObservedBeforeTheToolRunsAndItsFailureOnlyLogged
   harness.runtime().scriptDefault(textReply);
   harness.runtime().script("ComputerUseIPCHostSessionObserveRequest",
                            {std::string("{}"), tl::unexpected(ClientFailure(ServerError{-1708, std::nullopt}))});
-  const json turn = {{"com.tavix/turnContext", {{"sessionId", " s "}, {"turnId", "t1"}}}};
-  EXPECT_EQ(harness.call({{"name", "list_apps"}, {"_meta", turn}}), answer(doneResult));
-  EXPECT_EQ(harness.call({{"name", "list_apps"}}), answer(doneResult)); // no turn, nothing observed
-  EXPECT_EQ(harness.call({{"name", "list_apps"}, {"_meta", turn}}), answer(doneResult));
+  const json turn = {{"name", "list_apps"}, {"_meta", {{"com.tavix/turnContext", {{"sessionId", " s "}, {"turnId", "t1"}}}}}};
+  for (const json &params : {turn, json{{"name", "list_apps"}}, turn})
+    EXPECT_EQ(harness.call(params), answer(doneResult)); // the second has no turn, so nothing is observed
   EXPECT_EQ(harness.runtime().sent().at(0).body, R"({"context":{"sessionId":"s","turnId":"t1"}})");
   const std::string observe = "ComputerUseIPCHostSessionObserveRequest", listApps = "ComputerUseIPCListAppsRequest";
   EXPECT_EQ(harness.runtime().sentTypes(), (std::vector{observe, listApps, listApps, observe, listApps}));
@@ -157,49 +151,45 @@ TEST(MCPToolGateway, AHostTurnIsObservedBeforeTheToolRunsAndItsFailureOnlyLogged
 
 TEST(AppInstructionDelivery, TheFirstStateOfAnAppCarriesItsAdviceOnceBeforeTheState) {
   ToolCallHarness harness;
+  // The texts of the result's items, images as "<image>".
   const auto texts = [&](const char *tool, const std::string &app, const std::string &reply) {
     harness.runtime().scriptDefault(reply);
-    const json result = harness.result({{"name", tool}, {"arguments", {{"app", app}, {"key", "a"}}}});
     std::vector<std::string> found;
+    const json result = harness.result({{"name", tool}, {"arguments", {{"app", app}, {"key", "a"}}}});
     for (const auto &item : result.at("content"))
       found.push_back(item.value("text", "<image>"));
     return found;
   };
-  const auto state = [&](const std::string &app) {
-    return texts("get_app_state", app, R"({"content":[{"type":"image","data":"AAAA"},{"type":"text","text":)"
-                                       R"("<app_state>"},{"type":"text","text":"tree"}],"isError":false})");
-  };
+  const std::string stateReply =
+      R"({"content":[{"type":"image","data":"AAAA"},{"type":"text","text":"<app_state>"},{"type":"text","text":"tree"}],"isError":false})";
   const auto advice = [](std::string_view baseName) {
-    return "<app_specific_instructions>\n" + std::string(*builtInInstructions(baseName)) +
-           "\n</app_specific_instructions>";
+    return "<app_specific_instructions>\n" + std::string(*builtInInstructions(baseName)) + "\n</app_specific_instructions>";
   };
-  const std::vector<std::string> plain = {"<image>", "<app_state>", "tree"};
+  using Texts = std::vector<std::string>;
+  const Texts plain = {"<image>", "<app_state>", "tree"};
   // Only get_app_state delivers.
-  EXPECT_EQ(texts("press_key", "Excel", textReply), std::vector<std::string>{"done"});
-  EXPECT_EQ(state("Excel"), (std::vector<std::string>{"<image>", advice("Excel"), "<app_state>", "tree"}));
+  EXPECT_EQ(texts("press_key", "Excel", textReply), Texts{"done"});
+  EXPECT_EQ(texts("get_app_state", "Excel", stateReply), (Texts{"<image>", advice("Excel"), "<app_state>", "tree"}));
   // However the app is named, its advice comes once; an app without advice gets none.
-  EXPECT_EQ(state("/Applications/Microsoft Excel.app"), plain);
-  EXPECT_EQ(state("Notes"), plain);
+  EXPECT_EQ(texts("get_app_state", "/Applications/Microsoft Excel.app", stateReply), plain);
+  EXPECT_EQ(texts("get_app_state", "Notes", stateReply), plain);
   // A state that could not be read keeps the advice for the next; without a state marker
   // the advice goes first.
-  EXPECT_EQ(texts("get_app_state", "Numbers", R"({"content":[{"type":"text","text":"No"}],"isError":true})"),
-            std::vector<std::string>{"No"});
-  EXPECT_EQ(texts("get_app_state", "Numbers", textReply), (std::vector<std::string>{advice("Numbers"), "done"}));
+  EXPECT_EQ(texts("get_app_state", "Numbers", R"({"content":[{"type":"text","text":"No"}],"isError":true})"), Texts{"No"});
+  EXPECT_EQ(texts("get_app_state", "Numbers", textReply), (Texts{advice("Numbers"), "done"}));
 }
 
 TEST(AppInstructionDelivery, ConcurrentCallsForOneAppDeliverOnce) {
   ToolCallHarness harness;
   harness.runtime().scriptDefault(textReply);
-  std::atomic<int> delivered{0};
+  std::atomic<size_t> items{0};
   {
-    std::vector<std::jthread> threads;
-    for (int i = 0; i < 8; ++i)
-      threads.emplace_back([&] {
-        const json result = harness.result({{"name", "get_app_state"}, {"arguments", {{"app", "Spotify"}}}});
-        delivered += static_cast<int>(result["content"].size()) - 1;
-      });
+    std::vector<std::jthread> threads(8);
+    for (auto &thread : threads)
+      thread = std::jthread(
+          [&] { items += harness.result({{"name", "get_app_state"}, {"arguments", {{"app", "Spotify"}}}})["content"].size(); });
   }
-  EXPECT_EQ(delivered.load(), 1);
+  EXPECT_EQ(items.load(), 8u + 1u); // one "done" each, and the advice once
 }
 
 } // namespace

@@ -35,24 +35,20 @@ template <typename T> std::string verdict(const Parsed<T> &parsed) {
 
 const std::string badX = "! Invalid x. Provide a finite number such as 10, not a string, in screenshot pixel coordinates.";
 
+// A parser of one argument, as a verdict.
+template <auto parse> std::string read(const json *value) { return verdict(parse(value)); }
+
 TEST(ArgumentParsers, EachArgumentsAcceptedFormsAndMessage) {
-  const std::string badIndex = "! Missing expected argument 'element_index'";
-  const std::string noIndex = "! Missing required argument: element_index";
+  const std::string badIndex = "! Missing expected argument 'element_index'", noIndex = "! Missing required argument: element_index";
   const std::string badCount = "! Invalid click_count. Provide a positive integer such as 1 or 2, or omit it for 1.";
   const std::string badButton = "! Invalid mouse_button. Use \"left\", \"right\", or \"middle\", or omit it for left.";
-  const std::string badPages = "! pages must be a finite number in (0, 100].";
-  const std::string badFormat = "! Invalid paste format. Use text, md, or html.";
+  const std::string badPages = "! pages must be a finite number in (0, 100].", badFormat = "! Invalid paste format. Use text, md, or html.";
   const std::map<std::string, std::function<std::string(const json *)>> parsers = {
-      {"index", [](const json *v) { return verdict(parseOptionalElementIndex(v)); }},
-      {"required index", [](const json *v) { return verdict(parseRequiredElementIndex(v)); }},
+      {"index", read<parseOptionalElementIndex>}, {"required index", read<parseRequiredElementIndex>},
+      {"count", read<parseClickCount>}, {"button", read<parseMouseButton>}, {"pages", read<parseScrollPages>},
+      {"selection", read<parseTextSelectionMode>}, {"format", read<parsePasteFormat>},
       {"double", [](const json *v) { return parseOptionalDouble(v) ? json(*parseOptionalDouble(v)).dump() : "none"; }},
-      {"x", [](const json *v) { return verdict(parseClickCoordinate(v, "x")); }},
-      {"count", [](const json *v) { return verdict(parseClickCount(v)); }},
-      {"button", [](const json *v) { return verdict(parseMouseButton(v)); }},
-      {"pages", [](const json *v) { return verdict(parseScrollPages(v)); }},
-      {"selection", [](const json *v) { return verdict(parseTextSelectionMode(v)); }},
-      {"format", [](const json *v) { return verdict(parsePasteFormat(v)); }},
-  };
+      {"x", [](const json *v) { return verdict(parseClickCoordinate(v, "x")); }}};
   // The argument's JSON text, or "-" for an absent one.
   const std::tuple<const char *, const char *, std::string> rows[] = {
       {"index", "-", "= none"}, {"index", "null", "= none"}, {"index", R"("  ")", "= none"}, {"index", "true", "= 1"},
@@ -88,18 +84,17 @@ TEST(ArgumentParsers, EachArgumentsAcceptedFormsAndMessage) {
     EXPECT_EQ(verdict(parseScrollDirection(direction)), expected) << direction;
 }
 
+const std::string badElement =
+    "! Invalid element_index. Provide an integer string such as \"7\", or omit element_index and provide numeric x and y.";
+
 TEST(ArgumentParsers, AnElementIndexWinsOverAPointAndTheIgnoredPointIsLogged) {
   CapturedLog log;
-  const std::string needsTarget =
-      "! click requires an element_index string or both numeric x and y in screenshot pixel coordinates.";
+  const std::string needsTarget = "! click requires an element_index string or both numeric x and y in screenshot pixel coordinates.";
   const std::pair<const char *, std::string> rows[] = {
       {R"({"element_index":"3","x":10,"y":20})", "= element 3"}, {R"({"element_index":5,"x":"no"})", "= element 5"},
       {R"({"element_index":" ","x":10,"y":20})", "= point 10.0,20.0"}, {R"({"x":10})", needsTarget},
-      {R"({"element_index":"3x","x":10,"y":20})",
-       "! Invalid element_index. Provide an integer string such as \"7\", or omit element_index and provide numeric x and y."},
-      {R"({"y":10})", needsTarget}, {R"({"x":"10","y":20})", badX},
-      {R"({"x":10,"y":false})", "! Invalid y. Provide a finite number such as 10, not a string, in screenshot pixel coordinates."},
-  };
+      {R"({"element_index":"3x","x":10,"y":20})", badElement}, {R"({"y":10})", needsTarget}, {R"({"x":"10","y":20})", badX},
+      {R"({"x":10,"y":false})", "! Invalid y. Provide a finite number such as 10, not a string, in screenshot pixel coordinates."}};
   for (const auto &[arguments, expected] : rows)
     EXPECT_EQ(verdict(parseClickTarget("click", json::parse(arguments))), expected) << arguments;
   const auto click = log.withEvent("click_coordinates_ignored");
@@ -114,55 +109,46 @@ TEST(ArgumentParsers, AnElementIndexWinsOverAPointAndTheIgnoredPointIsLogged) {
 std::string shown(const Parsed<ToolAction> &action) {
   return action ? action->app + " " + action->action.toJSON().dump() : "! " + action.error().description();
 }
-std::string act(ComputerUseIPCAction::Params params, std::string app = "N") {
-  return shown(ToolAction{std::move(app), {std::move(params)}});
-}
+std::string act(ComputerUseIPCAction::Params params, std::string app = "N") { return shown(ToolAction{std::move(app), {std::move(params)}}); }
+std::string missing(const char *argument) { return std::string("! Missing required argument: ") + argument; }
 
 TEST(ToolArguments, EachToolReadsItsArgumentsInOrderIntoItsAction) {
+  const std::string badPages = "! pages must be a finite number in (0, 100].";
   const std::tuple<const char *, std::string, std::string> rows[] = {
-      {"click", R"({"app":"N","element_index":7.9,"click_count":2,"mouse_button":"right"})",
-       act(ClickParams{7, none, none, 2, 1})},
+      {"click", R"({"app":"N","element_index":7.9,"click_count":2,"mouse_button":"right"})", act(ClickParams{7, none, none, 2, 1})},
       {"click", R"({"app":"N","x":10,"y":20.5})", act(ClickParams{none, 10, 20.5, 1, 0})},
-      {"click", R"({"element_index":"x","click_count":0})", "! Missing required argument: app"},
-      {"click", R"({"app":"N","element_index":"x","click_count":0})",
-       "! Invalid element_index. Provide an integer string such as \"7\", or omit element_index and provide numeric x and y."},
+      {"click", R"({"element_index":"x","click_count":0})", missing("app")},
+      {"click", R"({"app":"N","element_index":"x","click_count":0})", badElement},
       {"click", R"({"app":"N","element_index":1,"click_count":0,"mouse_button":"Left"})",
        "! Invalid click_count. Provide a positive integer such as 1 or 2, or omit it for 1."},
-      {"perform_secondary_action", R"({"app":"N","element_index":" 4 ","action":"AXShowMenu"})",
-       act(PerformSecondaryActionParams{4, "AXShowMenu"})},
-      {"perform_secondary_action", R"({"app":"N","action":""})", "! Missing required argument: element_index"},
-      {"perform_secondary_action", R"({"app":"N","element_index":4})", "! Missing required argument: action"},
+      {"perform_secondary_action", R"({"app":"N","element_index":" 4 ","action":"AXShowMenu"})", act(PerformSecondaryActionParams{4, "AXShowMenu"})},
+      {"perform_secondary_action", R"({"app":"N","action":""})", missing("element_index")},
+      {"perform_secondary_action", R"({"app":"N","element_index":4})", missing("action")},
       // The empty value clears a field; a value that is not text is none.
       {"set_value", R"({"app":"N","element_index":2,"value":""})", act(SetValueParams{2, ""})},
-      {"set_value", R"({"app":"N","element_index":2,"value":5})", "! Missing required argument: value"},
+      {"set_value", R"({"app":"N","element_index":2,"value":5})", missing("value")},
       {"select_text", R"({"app":"N","element_index":1,"text":"w","prefix":"a ","suffix":"b","selection":"cursor_after"})",
        act(TextSelectionParams{1, "w", "a ", "b", TextSelectionMode::cursorAfter})},
-      {"select_text", R"({"app":"N","element_index":1,"selection":"bad"})", "! Missing required argument: text"},
-      {"scroll", R"({"app":"N","direction":"right","x":1000000,"y":0,"pages":100})",
-       act(ScrollParams{none, 1000000, 0, 3, 100})},
+      {"select_text", R"({"app":"N","element_index":1,"selection":"bad"})", missing("text")},
+      {"scroll", R"({"app":"N","direction":"right","x":1000000,"y":0,"pages":100})", act(ScrollParams{none, 1000000, 0, 3, 100})},
       {"scroll", R"({"app":"N","direction":" U ","element_index":"3"})", act(ScrollParams{3, none, none, 0, 1})},
-      {"scroll", R"({"app":"N","direction":1})", "! Missing required argument: direction"},
+      {"scroll", R"({"app":"N","direction":1})", missing("direction")},
       {"scroll", R"({"app":"N","direction":"north","x":1})",
        "! scroll requires an element_index string or both numeric x and y in screenshot pixel coordinates."},
-      {"scroll", R"({"app":"N","direction":"north","element_index":1,"pages":"2"})",
-       "! pages must be a finite number in (0, 100]."},
+      {"scroll", R"({"app":"N","direction":"north","element_index":1,"pages":"2"})", badPages},
       {"scroll", R"({"app":"N","direction":"north","element_index":1,"pages":0})", "! Invalid scroll direction: north"},
       // What the parsers let through, the action's own validation refuses.
-      {"scroll", R"({"app":"N","direction":"up","element_index":1,"pages":0})",
-       "! pages must be a finite number in (0, 100]."},
-      {"paste", R"({"app":"N","text":")" + std::string(4000001, 'a') + R"("})",
-       "! paste text must be nonempty and at most 4 MB of UTF-8."},
+      {"scroll", R"({"app":"N","direction":"up","element_index":1,"pages":0})", badPages},
+      {"paste", R"({"app":"N","text":")" + std::string(4000001, 'a') + R"("})", "! paste text must be nonempty and at most 4 MB of UTF-8."},
       {"drag", R"({"app":"N","from_x":"12.5","from_y":1,"to_x":" 3 ","to_y":4.25})", act(DragParams{12.5, 1, 3, 4.25})},
-      {"drag", R"({"app":"N","from_x":"a","from_y":"b"})", "! Missing required argument: from_x"},
-      {"drag", R"({"app":"N","from_x":1,"from_y":2,"to_x":3})", "! Missing required argument: to_y"},
+      {"drag", R"({"app":"N","from_x":"a","from_y":"b"})", missing("from_x")},
+      {"drag", R"({"app":"N","from_x":1,"from_y":2,"to_x":3})", missing("to_y")},
       // Texts are taken as given, not trimmed; anything but a text is missing.
       {"press_key", R"({"app":" N","key":" "})", act(PressKeyParams{" "}, " N")},
-      {"press_key", R"({"app":"N","key":""})", "! Missing required argument: key"},
-      {"press_key", R"({"app":7,"key":"a"})", "! Missing required argument: app"},
-      {"type_text", R"({"app":"N","text":"é\n"})", act(TypeTextParams{"é\n"})},
-      {"type_text", R"({"app":"N","text":""})", "! Missing required argument: text"},
+      {"press_key", R"({"app":"N","key":""})", missing("key")}, {"press_key", R"({"app":7,"key":"a"})", missing("app")},
+      {"type_text", R"({"app":"N","text":"é\n"})", act(TypeTextParams{"é\n"})}, {"type_text", R"({"app":"N","text":""})", missing("text")},
       {"paste", R"({"app":"N","text":"x"})", act(PasteParams{"x", PasteFormat::text})},
-      {"paste", R"({"app":"N","format":"markdown"})", "! Missing required argument: text"},
+      {"paste", R"({"app":"N","format":"markdown"})", missing("text")},
   };
   for (const auto &[tool, arguments, expected] : rows)
     EXPECT_EQ(shown(actionReader(tool)(parseJSON(arguments).value())), expected) << tool << " " << arguments.substr(0, 99);

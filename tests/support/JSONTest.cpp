@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <limits>
+#include <numeric>
 
 namespace tavix::test {
 namespace {
@@ -70,9 +71,8 @@ TEST(JSONParse, ExplainedParsingGivesTheValueOrWhereAndWhyItFailed) {
 }
 
 TEST(JSONSerialize, WritesWhatDumpWritesOrRefusesWhatItRefuses) {
-  std::string everyControl;
-  for (char c = 0; c < 0x20; ++c)
-    everyControl.push_back(c);
+  std::string everyControl(0x20, '\0');
+  std::iota(everyControl.begin(), everyControl.end(), '\0');
   const json values[] = {
       nullptr, true, 0, -1, 7u, std::numeric_limits<int64_t>::min(), std::numeric_limits<uint64_t>::max(), -0.0,
       1.0, 0.1, 1e100, 1e-7, 1e15, 1e16, 1e21, 5e-324, std::numeric_limits<double>::max(),

@@ -42,8 +42,7 @@ public:
   // notification (`id` absent).
   std::optional<std::string> call(const nlohmann::json &params, std::optional<JSONRPCId> id = JSONRPCId(1)) {
     FakeMessageTransport output;
-    const JSONRPCRequest request{"2.0", id, "tools/call", params};
-    toolsCall_(request, JSONRPCReply(id, "tools/call", std::make_shared<JSONRPCResponseChannel>(output)));
+    toolsCall_({"2.0", id, "tools/call", params}, JSONRPCReply(id, "tools/call", std::make_shared<JSONRPCResponseChannel>(output)));
     auto sent = output.takeSent();
     return sent.empty() ? std::nullopt : std::optional<std::string>(sent.at(0));
   }
@@ -51,15 +50,14 @@ public:
   nlohmann::json result(const nlohmann::json &params) { return nlohmann::json::parse(*call(params)).at("result"); }
 
 private:
-  std::optional<std::string> environment(const char *name) {
+  std::optional<std::string> environment(const std::string &name) {
     std::lock_guard guard(environmentLock_);
-    const auto found = environment_.find(name);
-    return found == environment_.end() ? std::nullopt : found->second;
+    return environment_[name];
   }
 
   ScriptedRequestTransport *runtime_; // owned by the client
   std::mutex environmentLock_;
-  std::map<std::string, std::optional<std::string>, std::less<>> environment_;
+  std::map<std::string, std::optional<std::string>> environment_;
   std::shared_ptr<ComputerUseClient> client_;
   ComputerUseMCPServer server_;
   JSONRPCDispatcher::Handler toolsCall_;
@@ -70,8 +68,6 @@ inline const std::string textReply = R"({"content":[{"type":"text","text":"done"
 inline const std::string doneResult = R"({"content":[{"text":"done","type":"text"}]})";
 
 // The answer to request 1 with `result` as its result.
-inline std::string answer(const std::string &result) {
-  return R"({"id":1,"jsonrpc":"2.0","result":)" + result + "}";
-}
+inline std::string answer(const std::string &result) { return R"({"id":1,"jsonrpc":"2.0","result":)" + result + "}"; }
 
 } // namespace tavix::test
