@@ -108,12 +108,14 @@ TEST(MCPToolRequestScope, TheSessionIsTheArgumentsMetaElseTheEnvironmentTrimmed)
       {"{}", " \n ", std::nullopt}, {"{}", std::nullopt, std::nullopt},
       {R"({"_meta":{"sessionId":"  "}})", "env", "env"}, {R"({"_meta":{"sessionId":7}})", "env", "env"},
       {R"({"_meta":"abc"})", std::nullopt, std::nullopt}, {R"("abc")", "env", "env"}};
-  for (const auto &[arguments, environment, session] : cases)
+  for (const auto &[arguments, value, session] : cases) {
+    const auto &environment = value; // clang 14 cannot capture a structured binding
     EXPECT_EQ(recordReplaySessionId(json::parse(arguments), [&](const char *name) {
                                       return name == std::string("TAVIX_CHAT_SESSION_ID") ? environment : std::nullopt;
                                     }),
               session)
         << arguments << " " << environment.value_or("<unset>");
+  }
 }
 
 TEST(MCPToolGateway, CancellingACallReachesTheRequestItWaitsOn) {
