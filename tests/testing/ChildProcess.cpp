@@ -3,14 +3,12 @@
 #include "testing/Pipe.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <csignal>
 #include <cstring>
 #include <fcntl.h>
 #include <poll.h>
 #include <stdexcept>
 #include <sys/wait.h>
-#include <thread>
 #include <unistd.h>
 #include <utility>
 
@@ -20,33 +18,40 @@ namespace tavix::test {
 namespace {
 
 int remainingMs(ChildProcess::Clock::time_point deadline) {
-  const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-      deadline - ChildProcess::Clock::now());
-  return left.count() > 0 ? static_cast<int>(left.count()) : 0;
+  const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - ChildProcess::Clock::now());
+  return static_cast<int>(std::max<int64_t>(left.count(), 0));
+}
+
+// Reads what `fd` has within `timeoutMs` onto `buffer`; false at its end or after the time-out.
+bool readInto(int fd, std::string &buffer, int timeoutMs) {
+  pollfd ready{fd, POLLIN, 0};
+  if (fd < 0 || ::poll(&ready, 1, timeoutMs) <= 0)
+    return false;
+  char chunk[65536];
+  const ssize_t n = ::read(fd, chunk, sizeof chunk);
+  if (n > 0)
+    buffer.append(chunk, static_cast<size_t>(n));
+  return n > 0;
 }
 
 } // namespace
 
-ChildProcess::ChildProcess(std::vector<std::string> arguments,
-                           std::map<std::string, std::string> environment,
+ChildProcess::ChildProcess(std::vector<std::string> arguments, std::map<std::string, std::string> environment,
                            std::vector<std::string> unset) {
-  std::vector<std::string> envStrings;
+  std::vector<std::string> variables;
   for (char **entry = environ; *entry != nullptr; ++entry) {
-    std::string item(*entry);
-    const std::string name = item.substr(0, item.find('='));
-    if (environment.contains(name) ||
-        std::find(unset.begin(), unset.end(), name) != unset.end())
-      continue;
-    envStrings.push_back(std::move(item));
+    const std::string name(*entry, std::strcspn(*entry, "="));
+    if (!environment.contains(name) && std::find(unset.begin(), unset.end(), name) == unset.end())
+      variables.emplace_back(*entry);
   }
   for (const auto &[name, value] : environment)
-    envStrings.push_back(name + "=" + value);
+    variables.push_back(name + "=" + value);
   std::vector<char *> argv, envp;
-  for (auto &a : arguments)
-    argv.push_back(a.data());
+  for (auto &argument : arguments)
+    argv.push_back(argument.data());
+  for (auto &variable : variables)
+    envp.push_back(variable.data());
   argv.push_back(nullptr);
-  for (auto &e : envStrings)
-    envp.push_back(e.data());
   envp.push_back(nullptr);
 
   int in[2], out[2], err[2];
@@ -63,9 +68,8 @@ ChildProcess::ChildProcess(std::vector<std::string> arguments,
     execve(argv[0], argv.data(), envp.data());
     _exit(127);
   }
-  ::close(in[0]);
-  ::close(out[1]);
-  ::close(err[1]);
+  for (int unused : {in[0], out[1], err[1]})
+    ::close(unused);
   input_ = in[1];
   output_ = out[0];
   error_ = err[0];
@@ -97,29 +101,17 @@ void ChildProcess::signal(int number) { ::kill(pid_, number); }
 
 void ChildProcess::setOutputPipeSize(int bytes) { fcntl(output_, F_SETPIPE_SZ, bytes); }
 
-bool ChildProcess::fillOutput(Clock::time_point deadline) {
-  pollfd fd{output_, POLLIN, 0};
-  if (output_ < 0 || ::poll(&fd, 1, remainingMs(deadline)) <= 0)
-    return false;
-  char chunk[65536];
-  const ssize_t n = ::read(output_, chunk, sizeof chunk);
-  if (n <= 0)
-    return false;
-  outputBuffer_.append(chunk, static_cast<size_t>(n));
-  return true;
-}
+bool ChildProcess::fillOutput(Clock::time_point deadline) { return readInto(output_, outputBuffer_, remainingMs(deadline)); }
 
 std::optional<std::string> ChildProcess::readLine(std::chrono::milliseconds timeout) {
   const auto deadline = Clock::now() + timeout;
-  for (;;) {
-    if (const size_t end = outputBuffer_.find('\n'); end != std::string::npos) {
-      std::string line = outputBuffer_.substr(0, end);
-      outputBuffer_.erase(0, end + 1);
-      return line;
-    }
+  size_t end;
+  while ((end = outputBuffer_.find('\n')) == std::string::npos)
     if (!fillOutput(deadline))
       return std::nullopt;
-  }
+  std::string line = outputBuffer_.substr(0, end);
+  outputBuffer_.erase(0, end + 1);
+  return line;
 }
 
 std::optional<std::string> ChildProcess::readBytes(size_t count, std::chrono::milliseconds timeout) {
@@ -139,16 +131,12 @@ std::string ChildProcess::readRemainingOutput(std::chrono::milliseconds timeout)
   return std::exchange(outputBuffer_, {});
 }
 
+// Takes what standard error has; closes it at its end.
 void ChildProcess::drainError(int pollTimeoutMs) {
-  pollfd fd{error_, POLLIN, 0};
-  while (error_ >= 0 && ::poll(&fd, 1, pollTimeoutMs) > 0) {
-    char chunk[65536];
-    const ssize_t n = ::read(error_, chunk, sizeof chunk);
-    if (n <= 0) {
+  pollfd ready{error_, POLLIN, 0};
+  while (error_ >= 0 && ::poll(&ready, 1, pollTimeoutMs) > 0) {
+    if (!readInto(error_, errorBuffer_, 0))
       ::close(std::exchange(error_, -1));
-      return;
-    }
-    errorBuffer_.append(chunk, static_cast<size_t>(n));
     pollTimeoutMs = 0;
   }
 }
@@ -157,26 +145,21 @@ std::optional<int> ChildProcess::wait(std::chrono::milliseconds timeout) {
   const auto deadline = Clock::now() + timeout;
   while (!status_) {
     int raw = 0;
-    const pid_t done = waitpid(pid_, &raw, WNOHANG);
-    if (done == pid_) {
+    if (waitpid(pid_, &raw, WNOHANG) == pid_)
       status_ = WIFEXITED(raw) ? WEXITSTATUS(raw) : -WTERMSIG(raw);
-      break;
-    }
-    if (Clock::now() >= deadline)
+    else if (Clock::now() >= deadline)
       return std::nullopt;
-    drainError(5); // keeps a chatty child from blocking on a full pipe
+    else
+      drainError(5); // keeps a chatty child from blocking on a full pipe
   }
   return status_;
 }
 
 std::string ChildProcess::errorOutput(std::chrono::milliseconds timeout) {
-  if (status_) {
-    const auto deadline = Clock::now() + timeout;
-    while (error_ >= 0 && Clock::now() < deadline)
-      drainError(remainingMs(deadline));
-  } else {
-    drainError(0);
-  }
+  const auto deadline = Clock::now() + timeout;
+  drainError(0);
+  while (status_ && error_ >= 0 && Clock::now() < deadline) // complete once the child is gone
+    drainError(remainingMs(deadline));
   return errorBuffer_;
 }
 
@@ -185,24 +168,19 @@ bool ChildProcess::waitForError(std::string_view text, std::chrono::milliseconds
   while (errorBuffer_.find(text) == std::string::npos) {
     if (error_ < 0 || Clock::now() >= deadline)
       return false;
-    drainError(std::max(1, std::min(50, remainingMs(deadline))));
+    drainError(std::clamp(remainingMs(deadline), 1, 50));
   }
   return true;
 }
 
 std::vector<std::string> logLinesWithEvent(const std::string &log, std::string_view event) {
   std::vector<std::string> lines;
-  const std::string needle = " event=" + std::string(event) + " ";
-  const std::string needleAtEnd = " event=" + std::string(event);
-  size_t start = 0;
-  while (start < log.size()) {
-    size_t end = log.find('\n', start);
-    if (end == std::string::npos)
-      end = log.size();
+  const std::string needle = " event=" + std::string(event);
+  for (size_t start = 0, end; start < log.size(); start = end + 1) {
+    end = std::min(log.find('\n', start), log.size());
     const std::string line = log.substr(start, end - start);
-    if (line.find(needle) != std::string::npos || line.ends_with(needleAtEnd))
+    if (line.find(needle + " ") != std::string::npos || line.ends_with(needle))
       lines.push_back(line);
-    start = end + 1;
   }
   return lines;
 }

@@ -3,40 +3,21 @@
 #include "testing/ChildProcess.h"
 
 #include <csignal>
-#include <cstdlib>
 #include <poll.h>
 #include <stdexcept>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 namespace tavix::test {
-namespace {
-
-// ChildProcess runs a path, not a name: dbus-daemon as PATH finds it.
-std::string daemonPath() {
-  const char *path = std::getenv("PATH");
-  std::string directories = path != nullptr ? path : "/usr/bin:/bin";
-  size_t start = 0;
-  while (start <= directories.size()) {
-    const size_t end = std::min(directories.find(':', start), directories.size());
-    const std::string candidate = directories.substr(start, end - start) + "/dbus-daemon";
-    if (::access(candidate.c_str(), X_OK) == 0)
-      return candidate;
-    start = end + 1;
-  }
-  throw std::runtime_error("dbus-daemon is not on PATH");
-}
-
-} // namespace
 
 PrivateSessionBus::PrivateSessionBus() {
-  // The daemon forks into the background; the process started here prints the address
-  // and the daemon's pid, one a line, and exits.
-  ChildProcess launcher({daemonPath(), "--session", "--fork", "--nopidfile", "--nosyslog", "--print-address=1", "--print-pid=1"});
+  // The daemon (found on PATH) forks into the background; the process started here prints
+  // the address and the daemon's pid, one a line, and exits.
+  ChildProcess launcher({"/usr/bin/env", "dbus-daemon", "--session", "--fork", "--nopidfile", "--nosyslog",
+                         "--print-address=1", "--print-pid=1"});
   const auto address = launcher.readLine(std::chrono::seconds(20));
   const auto pid = launcher.readLine(std::chrono::seconds(20));
-  const auto status = launcher.wait(std::chrono::seconds(20));
-  if (!address || !pid || address->empty() || status != 0)
+  if (!address || !pid || address->empty() || launcher.wait(std::chrono::seconds(20)) != 0)
     throw std::runtime_error("dbus-daemon did not start: " + launcher.errorOutput());
   address_ = *address;
   pid_ = static_cast<pid_t>(std::stol(*pid));

@@ -11,19 +11,15 @@ std::string RuntimeSimulatorProcess::defaultExecutable() { return TAVIX_RUNTIME_
 namespace {
 
 std::vector<std::string> commandLine(std::string executable, std::vector<std::string> arguments) {
-  std::vector<std::string> command{executable.empty() ? RuntimeSimulatorProcess::defaultExecutable()
-                                                      : std::move(executable)};
-  command.insert(command.end(), std::make_move_iterator(arguments.begin()),
-                 std::make_move_iterator(arguments.end()));
-  return command;
+  arguments.insert(arguments.begin(), executable.empty() ? RuntimeSimulatorProcess::defaultExecutable() : executable);
+  return arguments;
 }
 
 } // namespace
 
 RuntimeSimulatorProcess::RuntimeSimulatorProcess(const std::string &busAddress, std::vector<std::string> arguments,
                                                  std::chrono::milliseconds readyTimeout, std::string executable)
-    : process_(commandLine(std::move(executable), std::move(arguments)),
-               {{"DBUS_SESSION_BUS_ADDRESS", busAddress}}) {
+    : process_(commandLine(std::move(executable), std::move(arguments)), {{"DBUS_SESSION_BUS_ADDRESS", busAddress}}) {
   const auto line = process_.readLine(readyTimeout);
   constexpr std::string_view prefix = "ready ";
   if (!line || !line->starts_with(prefix)) {
@@ -35,10 +31,7 @@ RuntimeSimulatorProcess::RuntimeSimulatorProcess(const std::string &busAddress, 
   uniqueName_ = line->substr(prefix.size());
 }
 
-RuntimeSimulatorProcess::~RuntimeSimulatorProcess() {
-  if (!status_)
-    stop();
-}
+RuntimeSimulatorProcess::~RuntimeSimulatorProcess() { stop(); }
 
 std::optional<int> RuntimeSimulatorProcess::stop(std::chrono::milliseconds timeout) {
   if (!status_) {

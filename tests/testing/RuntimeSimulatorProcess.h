@@ -1,9 +1,11 @@
 #pragma once
 // The runtime simulator as a child process on a given bus: started with extra options,
 // ready once it has printed "ready <unique name>", stopped with SIGTERM when the test
-// ends.
+// ends. SimulatorOnPrivateBus bundles it with a bus of its own and a control connection.
 
 #include "testing/ChildProcess.h"
+#include "testing/PrivateSessionBus.h"
+#include "testing/SimulatorControl.h"
 
 #include <chrono>
 #include <optional>
@@ -43,6 +45,17 @@ private:
   ChildProcess process_;
   std::string uniqueName_;
   std::optional<int> status_;
+};
+
+// A private bus with one simulator on it and a control connection to the simulator, for a
+// whole test suite to share (made in SetUpTestSuite): a daemon and a simulator per test
+// would cost more than most of the tests themselves.
+struct SimulatorOnPrivateBus {
+  explicit SimulatorOnPrivateBus(std::vector<std::string> arguments = {})
+      : simulator(bus.address(), std::move(arguments)), control(bus.address(), simulator.uniqueName()) {}
+  PrivateSessionBus bus;
+  RuntimeSimulatorProcess simulator;
+  SimulatorControl control;
 };
 
 } // namespace tavix::test

@@ -10,10 +10,9 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <memory>
-#include <utility>
 #include <stdexcept>
 #include <unistd.h>
+#include <utility>
 
 namespace tavix::test {
 namespace {
@@ -27,12 +26,6 @@ struct MessageUnref {
 };
 using Message = std::unique_ptr<sd_bus_message, MessageUnref>;
 
-// An sd_bus_error that frees itself.
-struct ErrorHolder {
-  sd_bus_error error{};
-  ~ErrorHolder() { sd_bus_error_free(&error); }
-};
-
 BusError busError(int r, const sd_bus_error &error) {
   if (error.name != nullptr)
     return {error.name, error.message != nullptr ? error.message : ""};
@@ -41,34 +34,73 @@ BusError busError(int r, const sd_bus_error &error) {
 
 uint64_t microseconds(std::chrono::milliseconds timeout) { return static_cast<uint64_t>(timeout.count()) * 1000; }
 
-int appendStringEntry(sd_bus_message *message, const char *key, const std::string &value) {
-  return sd_bus_message_append(message, "{sv}", key, "s", value.c_str());
+// Calls `method` and returns its reply, or the error it ended in.
+template <typename... Arguments>
+tl::expected<Message, BusError> call(sd_bus *connection, const char *destination, const char *path,
+                                     const char *interface, const char *method, std::chrono::milliseconds timeout,
+                                     const char *types, Arguments... arguments) {
+  sd_bus_message *raw = nullptr, *answer = nullptr;
+  sd_bus_error error{};
+  int r = sd_bus_message_new_method_call(connection, &raw, destination, path, interface, method);
+  Message request(raw);
+  if (r >= 0)
+    r = sd_bus_message_append(raw, types, arguments...);
+  if (r >= 0)
+    r = sd_bus_call(connection, raw, microseconds(timeout), &error, &answer);
+  Message reply(answer);
+  const auto failure = busError(r, error);
+  sd_bus_error_free(&error);
+  if (r < 0)
+    return tl::unexpected(failure);
+  return reply;
 }
 
-int appendParameters(sd_bus_message *message, const SendArguments &arguments) {
-  int r = sd_bus_message_append(message, "ss", arguments.eventClass.c_str(), arguments.eventID.c_str());
+// The JSON text of a control call's reply.
+tl::expected<nlohmann::json, BusError> jsonOf(tl::expected<Message, BusError> reply) {
+  const char *text = nullptr;
+  if (!reply)
+    return tl::unexpected(reply.error());
+  if (const int r = sd_bus_message_read(reply->get(), "s", &text); r < 0)
+    return tl::unexpected(BusError{"errno", std::strerror(-r)});
+  return parseJSON(text).value_or(nlohmann::json());
+}
+
+int appendEntry(sd_bus_message *message, const char *key, const std::optional<std::string> &value) {
+  return value ? sd_bus_message_append(message, "{sv}", key, "s", value->c_str()) : 0;
+}
+
+// A Send call carrying `arguments`.
+Message sendCall(sd_bus *connection, const std::string &destination, const SendArguments &arguments) {
+  sd_bus_message *raw = nullptr;
+  int r = sd_bus_message_new_method_call(connection, &raw, destination.c_str(), bus::objectPath, bus::interfaceName,
+                                         bus::sendMethod);
+  Message message(raw);
   if (r >= 0)
-    r = sd_bus_message_open_container(message, SD_BUS_TYPE_ARRAY, "{sv}");
-  if (r >= 0 && arguments.requestType)
-    r = appendStringEntry(message, bus::requestTypeKey, *arguments.requestType);
+    r = sd_bus_message_append(raw, "ss", arguments.eventClass.c_str(), arguments.eventID.c_str());
+  if (r >= 0)
+    r = sd_bus_message_open_container(raw, SD_BUS_TYPE_ARRAY, "{sv}");
+  if (r >= 0)
+    r = appendEntry(raw, bus::requestTypeKey, arguments.requestType);
   if (r >= 0 && arguments.requestData) {
-    if ((r = sd_bus_message_open_container(message, SD_BUS_TYPE_DICT_ENTRY, "sv")) >= 0 &&
-        (r = sd_bus_message_append_basic(message, SD_BUS_TYPE_STRING, bus::requestDataKey)) >= 0 &&
-        (r = sd_bus_message_open_container(message, SD_BUS_TYPE_VARIANT, "ay")) >= 0 &&
-        (r = sd_bus_message_append_array(message, SD_BUS_TYPE_BYTE, arguments.requestData->data(),
+    if ((r = sd_bus_message_open_container(raw, SD_BUS_TYPE_DICT_ENTRY, "sv")) >= 0 &&
+        (r = sd_bus_message_append_basic(raw, SD_BUS_TYPE_STRING, bus::requestDataKey)) >= 0 &&
+        (r = sd_bus_message_open_container(raw, SD_BUS_TYPE_VARIANT, "ay")) >= 0 &&
+        (r = sd_bus_message_append_array(raw, SD_BUS_TYPE_BYTE, arguments.requestData->data(),
                                          arguments.requestData->size())) >= 0 &&
-        (r = sd_bus_message_close_container(message)) >= 0)
-      r = sd_bus_message_close_container(message);
+        (r = sd_bus_message_close_container(raw)) >= 0)
+      r = sd_bus_message_close_container(raw);
   }
   if (r >= 0 && arguments.requestFile >= 0)
-    r = sd_bus_message_append(message, "{sv}", bus::requestFileKey, "h", arguments.requestFile);
-  if (r >= 0 && arguments.requestID)
-    r = appendStringEntry(message, bus::requestIDKey, *arguments.requestID);
-  if (r >= 0 && arguments.clientVersion)
-    r = appendStringEntry(message, bus::clientVersionKey, *arguments.clientVersion);
+    r = sd_bus_message_append(raw, "{sv}", bus::requestFileKey, "h", arguments.requestFile);
   if (r >= 0)
-    r = sd_bus_message_close_container(message);
-  return r;
+    r = appendEntry(raw, bus::requestIDKey, arguments.requestID);
+  if (r >= 0)
+    r = appendEntry(raw, bus::clientVersionKey, arguments.clientVersion);
+  if (r >= 0)
+    r = sd_bus_message_close_container(raw);
+  if (r < 0)
+    throw std::runtime_error(std::string("cannot build a Send call: ") + std::strerror(-r));
+  return message;
 }
 
 // One entry of the reply: the known keys are read, others skipped.
@@ -84,8 +116,7 @@ int readReplyEntry(sd_bus_message *message, RuntimeReply &reply) {
     reply.errn = number;
   } else if (name == bus::errorTextKey) {
     const char *text = nullptr;
-    r = sd_bus_message_read(message, "v", "s", &text);
-    if (r >= 0)
+    if ((r = sd_bus_message_read(message, "v", "s", &text)) >= 0)
       reply.errs = text;
   } else if (name == bus::directObjectKey) {
     const void *bytes = nullptr;
@@ -97,9 +128,8 @@ int readReplyEntry(sd_bus_message *message, RuntimeReply &reply) {
     reply.bytes = size == 0 ? std::string() : std::string(static_cast<const char *>(bytes), size);
   } else if (name == bus::responseFileKey) {
     int fd = -1;
-    r = sd_bus_message_read(message, "v", "h", &fd);
     reply.form = RuntimeReply::Form::responseFile;
-    if (r >= 0)
+    if ((r = sd_bus_message_read(message, "v", "h", &fd)) >= 0)
       reply.bytes = readSealedMemfd(fd);
   } else {
     r = sd_bus_message_skip(message, "v");
@@ -107,14 +137,17 @@ int readReplyEntry(sd_bus_message *message, RuntimeReply &reply) {
   return r;
 }
 
-int readReply(sd_bus_message *message, RuntimeReply &reply) {
+tl::expected<RuntimeReply, BusError> readReply(sd_bus_message *message) {
+  RuntimeReply reply;
   int r = sd_bus_message_enter_container(message, SD_BUS_TYPE_ARRAY, "{sv}");
-  while (r >= 0 && (r = sd_bus_message_enter_container(message, SD_BUS_TYPE_DICT_ENTRY, "sv")) > 0) {
-    r = readReplyEntry(message, reply);
-    if (r >= 0)
+  while (r >= 0 && (r = sd_bus_message_enter_container(message, SD_BUS_TYPE_DICT_ENTRY, "sv")) > 0)
+    if ((r = readReplyEntry(message, reply)) >= 0)
       r = sd_bus_message_exit_container(message);
-  }
-  return r < 0 ? r : sd_bus_message_exit_container(message);
+  if (r >= 0)
+    r = sd_bus_message_exit_container(message);
+  if (r < 0)
+    return tl::unexpected(BusError{"errno", std::strerror(-r)});
+  return reply;
 }
 
 } // namespace
@@ -129,16 +162,9 @@ struct SimulatorControl::Outstanding {
   static int onReply(sd_bus_message *message, void *self, sd_bus_error *) {
     auto &outstanding = *static_cast<Outstanding *>(self);
     outstanding.answered = true;
-    if (const sd_bus_error *error = sd_bus_message_get_error(message)) {
-      outstanding.arrived->push_back({outstanding.requestID, tl::unexpected(busError(-EIO, *error))});
-      return 0;
-    }
-    RuntimeReply decoded;
-    if (const int r = readReply(message, decoded); r < 0) {
-      outstanding.arrived->push_back({outstanding.requestID, tl::unexpected(BusError{"errno", std::strerror(-r)})});
-      return 0;
-    }
-    outstanding.arrived->push_back({outstanding.requestID, std::move(decoded)});
+    const sd_bus_error *error = sd_bus_message_get_error(message);
+    outstanding.arrived->push_back(
+        {outstanding.requestID, error != nullptr ? tl::unexpected(busError(-EIO, *error)) : readReply(message)});
     return 0;
   }
 };
@@ -170,40 +196,31 @@ tl::expected<RuntimeReply, BusError> SimulatorControl::send(std::string_view req
   SendArguments arguments;
   arguments.requestType = std::string(requestType);
   arguments.requestID = requestID.empty() ? makeUUIDString() : std::move(requestID);
-  int file = -1;
   if (json.size() > bus::inlinePayloadLimit) {
-    file = makeSealedMemfd("tavix-test-request", json);
-    if (file < 0)
+    arguments.requestFile = makeSealedMemfd("tavix-test-request", json);
+    if (arguments.requestFile < 0)
       return tl::unexpected(BusError{"errno", "cannot make a sealed memfd"});
-    arguments.requestFile = file;
   } else {
     arguments.requestData = std::string(json);
   }
   auto reply = sendArguments(arguments, timeout);
-  if (file >= 0)
-    ::close(file);
+  if (arguments.requestFile >= 0)
+    ::close(arguments.requestFile);
   return reply;
 }
 
 tl::expected<RuntimeReply, BusError> SimulatorControl::sendArguments(const SendArguments &arguments,
                                                                      std::chrono::milliseconds timeout) {
-  sd_bus_message *raw = nullptr;
-  int r = sd_bus_message_new_method_call(bus_, &raw, destination_.c_str(), bus::objectPath, bus::interfaceName,
-                                         bus::sendMethod);
-  Message call(raw);
-  if (r >= 0)
-    r = appendParameters(raw, arguments);
-  ErrorHolder error;
+  const Message request = sendCall(bus_, destination_, arguments);
   sd_bus_message *answer = nullptr;
-  if (r >= 0)
-    r = sd_bus_call(bus_, raw, microseconds(timeout), &error.error, &answer);
-  Message reply(answer);
+  sd_bus_error error{};
+  const int r = sd_bus_call(bus_, request.get(), microseconds(timeout), &error, &answer);
+  const Message reply(answer);
+  const auto failure = busError(r, error);
+  sd_bus_error_free(&error);
   if (r < 0)
-    return tl::unexpected(busError(r, error.error));
-  RuntimeReply decoded;
-  if ((r = readReply(answer, decoded)) < 0)
-    return tl::unexpected(busError(r, error.error));
-  return decoded;
+    return tl::unexpected(failure);
+  return readReply(answer);
 }
 
 tl::expected<void, BusError> SimulatorControl::sendWithoutWaiting(std::string_view requestType, std::string_view json,
@@ -213,17 +230,11 @@ tl::expected<void, BusError> SimulatorControl::sendWithoutWaiting(std::string_vi
   arguments.requestType = std::string(requestType);
   arguments.requestData = std::string(json);
   arguments.requestID = std::move(requestID);
-  sd_bus_message *raw = nullptr;
-  int r = sd_bus_message_new_method_call(bus_, &raw, destination_.c_str(), bus::objectPath, bus::interfaceName,
-                                         bus::sendMethod);
-  Message call(raw);
-  if (r >= 0)
-    r = appendParameters(raw, arguments);
   auto outstanding = std::make_unique<Outstanding>();
   outstanding->requestID = *arguments.requestID;
   outstanding->arrived = &arrived_;
-  if (r >= 0)
-    r = sd_bus_call_async(bus_, &outstanding->slot, raw, &Outstanding::onReply, outstanding.get(), microseconds(timeout));
+  const int r = sd_bus_call_async(bus_, &outstanding->slot, sendCall(bus_, destination_, arguments).get(),
+                                  &Outstanding::onReply, outstanding.get(), microseconds(timeout));
   if (r < 0)
     return tl::unexpected(BusError{"errno", std::strerror(-r)});
   outstanding_.push_back(std::move(outstanding));
@@ -231,10 +242,7 @@ tl::expected<void, BusError> SimulatorControl::sendWithoutWaiting(std::string_vi
 }
 
 std::vector<SimulatorControl::ArrivedReply> SimulatorControl::awaitReplies() {
-  const auto waiting = [this] {
-    return std::any_of(outstanding_.begin(), outstanding_.end(), [](const auto &outstanding) { return !outstanding->answered; });
-  };
-  while (waiting()) {
+  while (std::any_of(outstanding_.begin(), outstanding_.end(), [](const auto &each) { return !each->answered; })) {
     const int r = sd_bus_process(bus_, nullptr);
     if (r < 0)
       throw std::runtime_error(std::string("the connection failed: ") + std::strerror(-r));
@@ -248,71 +256,46 @@ std::vector<SimulatorControl::ArrivedReply> SimulatorControl::awaitReplies() {
 }
 
 tl::expected<void, BusError> SimulatorControl::setFaults(std::string_view rulesJSON) {
-  ErrorHolder error;
   const std::string rules(rulesJSON);
-  const int r = sd_bus_call_method(bus_, destination_.c_str(), bus::objectPath, controlInterface, "SetFaults",
-                                   &error.error, nullptr, "s", rules.c_str());
-  if (r < 0)
-    return tl::unexpected(busError(r, error.error));
+  auto reply = call(bus_, destination_.c_str(), bus::objectPath, controlInterface, "SetFaults",
+                    std::chrono::seconds(25), "s", rules.c_str());
+  if (!reply)
+    return tl::unexpected(reply.error());
   return {};
 }
 
 nlohmann::json SimulatorControl::events() {
-  ErrorHolder error;
-  sd_bus_message *answer = nullptr;
-  int r = sd_bus_call_method(bus_, destination_.c_str(), bus::objectPath, controlInterface, "Events", &error.error,
-                             &answer, "");
-  Message reply(answer);
-  const char *text = nullptr;
-  if (r >= 0)
-    r = sd_bus_message_read(answer, "s", &text);
-  if (r < 0)
-    throw std::runtime_error("Events failed: " + busError(r, error.error).message);
-  return parseJSON(text).value_or(nlohmann::json());
+  auto events = jsonOf(call(bus_, destination_.c_str(), bus::objectPath, controlInterface, "Events",
+                            std::chrono::seconds(25), ""));
+  if (!events)
+    throw std::runtime_error("Events failed: " + events.error().message);
+  return *events;
 }
 
 void SimulatorControl::clearEvents() {
-  ErrorHolder error;
-  const int r = sd_bus_call_method(bus_, destination_.c_str(), bus::objectPath, controlInterface, "ClearEvents",
-                                   &error.error, nullptr, "");
-  if (r < 0)
-    throw std::runtime_error("ClearEvents failed: " + busError(r, error.error).message);
+  auto reply = call(bus_, destination_.c_str(), bus::objectPath, controlInterface, "ClearEvents",
+                    std::chrono::seconds(25), "");
+  if (!reply)
+    throw std::runtime_error("ClearEvents failed: " + reply.error().message);
 }
 
 tl::expected<nlohmann::json, BusError> SimulatorControl::awaitEvents(std::string_view requestType, uint32_t count,
                                                                      std::chrono::milliseconds timeout) {
-  sd_bus_message *raw = nullptr;
-  int r = sd_bus_message_new_method_call(bus_, &raw, destination_.c_str(), bus::objectPath, controlInterface,
-                                         "AwaitEvents");
-  Message call(raw);
   const std::string type(requestType);
-  if (r >= 0)
-    r = sd_bus_message_append(raw, "suu", type.c_str(), count, static_cast<uint32_t>(timeout.count()));
-  ErrorHolder error;
-  sd_bus_message *answer = nullptr;
   // The call outlives the simulator's own time-out, so that its error is what arrives.
-  if (r >= 0)
-    r = sd_bus_call(bus_, raw, microseconds(timeout + std::chrono::seconds(10)), &error.error, &answer);
-  Message reply(answer);
-  const char *text = nullptr;
-  if (r >= 0)
-    r = sd_bus_message_read(answer, "s", &text);
-  if (r < 0)
-    return tl::unexpected(busError(r, error.error));
-  return parseJSON(text).value_or(nlohmann::json());
+  return jsonOf(call(bus_, destination_.c_str(), bus::objectPath, controlInterface, "AwaitEvents",
+                     timeout + std::chrono::seconds(10), "suu", type.c_str(), count,
+                     static_cast<uint32_t>(timeout.count())));
 }
 
 tl::expected<std::vector<std::string>, BusError> SimulatorControl::queuedOwners(const std::string &name) {
-  ErrorHolder error;
-  sd_bus_message *answer = nullptr;
-  int r = sd_bus_call_method(bus_, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
-                             "ListQueuedOwners", &error.error, &answer, "s", name.c_str());
-  Message reply(answer);
+  auto reply = call(bus_, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
+                    "ListQueuedOwners", std::chrono::seconds(25), "s", name.c_str());
   char **names = nullptr;
-  if (r >= 0)
-    r = sd_bus_message_read_strv(answer, &names);
-  if (r < 0)
-    return tl::unexpected(busError(r, error.error));
+  if (!reply)
+    return tl::unexpected(reply.error());
+  if (const int r = sd_bus_message_read_strv(reply->get(), &names); r < 0)
+    return tl::unexpected(BusError{"errno", std::strerror(-r)});
   std::vector<std::string> owners;
   for (char **at = names; at != nullptr && *at != nullptr; ++at) {
     owners.emplace_back(*at);
