@@ -7,153 +7,103 @@
 #include "fakes/CapturedLog.h"
 #include "support/RequestContext.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <chrono>
-#include <condition_variable>
+#include <future>
 #include <mutex>
-#include <stop_token>
-#include <string>
+#include <optional>
 #include <thread>
 
 namespace tavix::test {
 namespace {
 
 using namespace std::chrono_literals;
-using Clock = std::chrono::steady_clock;
-
-class Signal {
-public:
-  void set() {
-    std::lock_guard guard(lock_);
-    set_ = true;
-    changed_.notify_all();
-  }
-  void wait() {
-    std::unique_lock guard(lock_);
-    changed_.wait(guard, [&] { return set_; });
-  }
-  bool isSet() {
-    std::lock_guard guard(lock_);
-    return set_;
-  }
-
-private:
-  std::mutex lock_;
-  std::condition_variable changed_;
-  bool set_ = false;
-};
-
-// An operation that records what it sees of its ticket, and holds until released.
-struct HeldOperation {
-  Signal started, released, finished;
-  std::atomic<int> runs{0};
-  std::atomic<bool> cancelledAtStart{false}, cancelledAtEnd{false};
-
-  IPCClientRequestTimeout::Operation operation(ClientResult<std::string> result = std::string("late reply")) {
-    return [this, result](const IPCSendTicket &ticket) {
-      ++runs;
-      cancelledAtStart = ticket.isCancelled();
-      started.set();
-      released.wait();
-      cancelledAtEnd = ticket.isCancelled();
-      finished.set();
-      return result;
-    };
-  }
-};
-
-// Opens a signal when the scope ends, so that no job is still held when the executor,
-// declared before it, joins its threads.
-struct OpenOnExit {
-  Signal &signal;
-  ~OpenOnExit() { signal.set(); }
-};
-
-struct HookCounts {
-  std::atomic<int> timeouts{0}, cancelledWhileRunning{0};
-  IPCClientRequestTimeout::Hooks hooks() {
-    return {[this] { ++timeouts; }, [this] { ++cancelledWhileRunning; }};
-  }
-};
+using ::testing::HasSubstr;
 
 ClientResult<std::string> failed(ClientFailure failure) { return tl::unexpected(std::move(failure)); }
 
-std::shared_ptr<const RequestContext> contextCancelledBy(const std::stop_source &source) {
-  return std::make_shared<const RequestContext>("request-7", source.get_token());
-}
+// A caller's request that the test can cancel, an executor with one place to run and
+// `waiting` to wait, the hooks' counts and the log. The destructor releases what it holds
+// before the executor joins its threads.
+struct Race {
+  explicit Race(int waiting = 0) { executor.emplace("test.executor", 1, waiting); }
+  ~Race() { join(); }
+  // Releases the held operation and joins the executor's threads: a late result has then
+  // been delivered, and anything still queued has run.
+  void join() {
+    std::call_once(released, [&] { release.set_value(); });
+    executor.reset();
+  }
 
-// Whether the log line has ` key=value` as a whole field.
-bool hasField(const std::string &line, const std::string &field) {
-  return line.find(" " + field + " ") != std::string::npos || line.find(" " + field + "\n") != std::string::npos;
-}
+  // An operation that records what it sees of its ticket and holds until released.
+  IPCClientRequestTimeout::Operation held() {
+    return [this](const IPCSendTicket &ticket) {
+      ++runs;
+      started.set_value(ticket.isCancelled());
+      releasedFuture.wait();
+      cancelledAtEnd = ticket.isCancelled();
+      return ClientResult<std::string>("late reply");
+    };
+  }
+  // Occupies the one place to run with a held job.
+  void occupy() {
+    auto ticket = std::make_shared<IPCSendTicket>();
+    executor->enqueue({ticket, [this, ticket] { (void)held()(*ticket); }, [](ClientFailure) {}});
+    startedFuture.get();
+  }
+  ClientResult<std::string> withTimeout(double seconds, IPCClientRequestTimeout::Operation operation) {
+    return IPCClientRequestTimeout::withTimeout(*executor, seconds, "ComputerUseIPCHealthRequest",
+                                                {[this] { ++timeouts; }, [this] { ++cancelledWhileRunning; }},
+                                                std::move(operation));
+  }
 
-TEST(IPCClientRequestTimeout, ReturnsWhatTheOperationReturns) {
-  const struct {
-    const char *name;
-    ClientResult<std::string> result;
-  } cases[] = {
-      {"a reply", std::string(R"({"ok":true})")},
-      {"a server error", failed(ServerError{-1708, "no handler"})},
-      {"a timed-out send", failed(ClientError::sendFailed(-1712, "ComputerUseIPCHealthRequest", 2))},
-      {"an IPC error", failed(ComputerUseIPCError::rateLimited)},
-  };
-  for (const auto &c : cases) {
-    SCOPED_TRACE(c.name);
-    CapturedLog log;
-    HookCounts counts;
-    std::atomic<bool> cancelledAtStart{true};
+  CapturedLog log;
+  std::stop_source caller;
+  WithRequestContext scope{std::make_shared<const RequestContext>("request-7", caller.get_token())};
+  std::promise<bool> started; // whether the ticket was marked when the operation started
+  std::future<bool> startedFuture = started.get_future();
+  std::promise<void> release;
+  std::once_flag released;
+  std::shared_future<void> releasedFuture = release.get_future().share();
+  std::atomic<int> runs{0}, timeouts{0}, cancelledWhileRunning{0};
+  std::atomic<bool> cancelledAtEnd{false};
+  std::optional<IPCBlockingSendExecutor> executor;
+};
+
+TEST(IPCClientRequestTimeout, ReturnsWhatTheOperationOrTheExecutorReturns) {
+  const ClientResult<std::string> results[] = {std::string(R"({"ok":true})"), failed(ServerError{-1708, "no handler"}),
+                                               failed(ClientError::sendFailed(-1712, "ComputerUseIPCHealthRequest", 2)),
+                                               failed(ComputerUseIPCError::rateLimited)};
+  for (const auto &expected : results) {
+    Race race(0);
     std::string correlationID;
-    std::stop_source source;
-    WithRequestContext scope(contextCancelledBy(source));
-    ClientResult<std::string> result;
-    {
-      IPCBlockingSendExecutor executor("test.executor", 1, 1);
-      result = IPCClientRequestTimeout::withTimeout(
-          executor, 30, "ComputerUseIPCHealthRequest", counts.hooks(), [&](const IPCSendTicket &ticket) {
-            cancelledAtStart = ticket.isCancelled();
-            correlationID = RequestContext::current()->correlationID();
-            return c.result;
-          });
-    }
-    EXPECT_EQ(result, c.result);
+    bool cancelledAtStart = true;
+    const auto result = race.withTimeout(30, [&](const IPCSendTicket &ticket) {
+      cancelledAtStart = ticket.isCancelled();
+      correlationID = RequestContext::current()->correlationID();
+      return expected;
+    });
+    EXPECT_EQ(result, expected);
     EXPECT_FALSE(cancelledAtStart);
     EXPECT_EQ(correlationID, "request-7"); // the send runs under the caller's request
-    EXPECT_EQ(counts.timeouts, 0);
-    EXPECT_EQ(counts.cancelledWhileRunning, 0);
-    EXPECT_TRUE(log.withEvent("request_timeout").empty());
-    EXPECT_TRUE(log.withEvent("request_cancelled").empty());
+    EXPECT_EQ(race.timeouts + race.cancelledWhileRunning, 0);
+    EXPECT_TRUE(race.log.withEvent("request_timeout").empty());
+    EXPECT_TRUE(race.log.withEvent("request_cancelled").empty());
   }
-}
-
-TEST(IPCClientRequestTimeout, AnExecutorRefusalIsReturnedAsItIsWithoutRunningTheOperation) {
-  CapturedLog log;
-  HookCounts counts;
-  HeldOperation blocker;
-  std::atomic<int> runs{0};
-  IPCBlockingSendExecutor executor("test.executor", 1, 0);
-  OpenOnExit release{blocker.released};
-  IPCBlockingSendExecutor::Job job;
-  auto ticket = std::make_shared<IPCSendTicket>();
-  job.ticket = ticket;
-  job.run = [&blocker, ticket] { (void)blocker.operation()(*ticket); };
-  job.reject = [](ClientFailure) {};
-  executor.enqueue(std::move(job));
-  blocker.started.wait();
-
-  const auto result = IPCClientRequestTimeout::withTimeout(executor, 30, "ComputerUseIPCClickRequest", counts.hooks(),
-                                                           [&](const IPCSendTicket &) {
-                                                             ++runs;
-                                                             return ClientResult<std::string>("reply");
-                                                           });
-  EXPECT_EQ(result, failed(ComputerUseIPCError::rateLimited));
-  EXPECT_EQ(counts.timeouts, 0);
-  EXPECT_EQ(counts.cancelledWhileRunning, 0);
-  EXPECT_TRUE(log.withEvent("request_timeout").empty());
-  blocker.released.set();
-  blocker.finished.wait();
-  EXPECT_EQ(runs, 0);
+  // A refusal of the executor is returned as it is, and the operation never runs.
+  Race race(0);
+  race.occupy();
+  bool ran = false;
+  EXPECT_EQ(race.withTimeout(30, [&](const IPCSendTicket &) {
+    ran = true;
+    return ClientResult<std::string>("reply");
+  }),
+            failed(ComputerUseIPCError::rateLimited));
+  EXPECT_FALSE(ran);
+  EXPECT_EQ(race.timeouts + race.cancelledWhileRunning, 0);
+  EXPECT_TRUE(race.log.withEvent("request_timeout").empty());
 }
 
 TEST(IPCClientRequestTimeout, ATimeOutAnswersWhileTheOperationRunsAndDropsItsLateResult) {
@@ -163,126 +113,68 @@ TEST(IPCClientRequestTimeout, ATimeOutAnswersWhileTheOperationRunsAndDropsItsLat
   } cases[] = {{0.0204, "timeoutMs=20"}, {0.0206, "timeoutMs=21"}};
   for (const auto &c : cases) {
     SCOPED_TRACE(c.timeoutMs);
-    CapturedLog log;
-    HookCounts counts;
-    HeldOperation held;
-    {
-      IPCBlockingSendExecutor executor("test.executor", 1, 0);
-      OpenOnExit release{held.released};
-      const auto before = Clock::now();
-      const auto result = IPCClientRequestTimeout::withTimeout(executor, c.seconds, "ComputerUseIPCHealthRequest",
-                                                               counts.hooks(), held.operation());
-      const auto elapsed = Clock::now() - before;
-      EXPECT_EQ(result, failed(ComputerUseIPCError::timeout));
-      EXPECT_GE(elapsed, std::chrono::duration<double>(c.seconds));
-      EXPECT_EQ(counts.timeouts, 1);
-      EXPECT_EQ(counts.cancelledWhileRunning, 0);
-      held.started.wait();
-      EXPECT_FALSE(held.finished.isSet()); // the send is still blocked
-
-      const auto lines = log.withEvent("request_timeout");
-      ASSERT_EQ(lines.size(), 1u);
-      EXPECT_TRUE(hasField(lines[0], "level=error")) << lines[0];
-      EXPECT_TRUE(hasField(lines[0], "category=ipc")) << lines[0];
-      EXPECT_TRUE(hasField(lines[0], "requestType=ComputerUseIPCHealthRequest")) << lines[0];
-      EXPECT_TRUE(hasField(lines[0], c.timeoutMs)) << lines[0];
-      EXPECT_TRUE(log.withEvent("request_cancelled").empty());
-
-      held.released.set();
-      held.finished.wait();
-    } // joins the executor's threads: the late result has been delivered and dropped
-    EXPECT_TRUE(held.cancelledAtEnd); // the send can tell that its caller gave up
-    EXPECT_EQ(held.runs, 1);
-    EXPECT_EQ(counts.timeouts, 1);
-    EXPECT_EQ(counts.cancelledWhileRunning, 0);
-    EXPECT_EQ(log.withEvent("request_timeout").size(), 1u);
+    Race race;
+    const auto before = std::chrono::steady_clock::now();
+    EXPECT_EQ(race.withTimeout(c.seconds, race.held()), failed(ComputerUseIPCError::timeout));
+    EXPECT_GE(std::chrono::steady_clock::now() - before, std::chrono::duration<double>(c.seconds));
+    EXPECT_FALSE(race.startedFuture.get()); // it started, and is still held
+    race.join(); // its late result is dropped: no second hook or log line
+    EXPECT_TRUE(race.cancelledAtEnd); // the send could tell that its caller gave up
+    EXPECT_EQ(race.runs, 1);
+    EXPECT_EQ(race.timeouts, 1);
+    EXPECT_EQ(race.cancelledWhileRunning, 0);
+    const auto lines = race.log.withEvent("request_timeout");
+    ASSERT_EQ(lines.size(), 1u);
+    EXPECT_THAT(lines[0], HasSubstr(" level=error "));
+    EXPECT_THAT(lines[0], HasSubstr(" category=ipc "));
+    EXPECT_THAT(lines[0], HasSubstr("requestType=ComputerUseIPCHealthRequest " + std::string(c.timeoutMs)));
+    EXPECT_TRUE(race.log.withEvent("request_cancelled").empty());
   }
 }
 
 TEST(IPCClientRequestTimeout, CancellingTheCallerWhileTheOperationRunsAnswersCancelled) {
-  CapturedLog log;
-  HookCounts counts;
-  HeldOperation held;
-  std::stop_source source;
-  WithRequestContext scope(contextCancelledBy(source));
-  {
-    IPCBlockingSendExecutor executor("test.executor", 1, 0);
-    OpenOnExit release{held.released};
-    std::thread canceller([&] {
-      held.started.wait();
-      source.request_stop();
-    });
-    const auto before = Clock::now();
-    const auto result = IPCClientRequestTimeout::withTimeout(executor, 600, "ComputerUseIPCClickRequest",
-                                                             counts.hooks(), held.operation());
-    canceller.join();
-    EXPECT_EQ(result, failed(ComputerUseIPCError::cancelled));
-    EXPECT_LT(Clock::now() - before, 300s); // not the time-out
-    EXPECT_EQ(counts.cancelledWhileRunning, 1);
-    EXPECT_EQ(counts.timeouts, 0);
-    EXPECT_FALSE(held.cancelledAtStart);
-
-    const auto lines = log.withEvent("request_cancelled");
-    ASSERT_EQ(lines.size(), 1u);
-    EXPECT_TRUE(hasField(lines[0], "level=info")) << lines[0];
-    EXPECT_TRUE(hasField(lines[0], "category=ipc")) << lines[0];
-    EXPECT_TRUE(hasField(lines[0], "requestType=ComputerUseIPCClickRequest")) << lines[0];
-    EXPECT_TRUE(log.withEvent("request_timeout").empty());
-
-    held.released.set();
-    held.finished.wait();
-  }
-  EXPECT_TRUE(held.cancelledAtEnd);
-  EXPECT_EQ(counts.cancelledWhileRunning, 1);
+  Race race;
+  std::thread canceller([&] {
+    race.startedFuture.wait();
+    race.caller.request_stop();
+  });
+  EXPECT_EQ(race.withTimeout(600, race.held()), failed(ComputerUseIPCError::cancelled)); // not the time-out
+  canceller.join();
+  EXPECT_EQ(race.cancelledWhileRunning, 1);
+  EXPECT_EQ(race.timeouts, 0);
+  EXPECT_FALSE(race.startedFuture.get());
+  const auto lines = race.log.withEvent("request_cancelled");
+  ASSERT_EQ(lines.size(), 1u);
+  EXPECT_THAT(lines[0], HasSubstr(" level=info "));
+  EXPECT_THAT(lines[0], HasSubstr(" category=ipc "));
+  EXPECT_THAT(lines[0], HasSubstr("requestType=ComputerUseIPCHealthRequest"));
+  EXPECT_TRUE(race.log.withEvent("request_timeout").empty());
+  race.join();
+  EXPECT_TRUE(race.cancelledAtEnd);
+  EXPECT_EQ(race.cancelledWhileRunning, 1);
 }
 
 TEST(IPCClientRequestTimeout, CancellingTheCallerWhileTheOperationWaitsRemovesItAndItNeverRuns) {
-  const struct {
-    const char *name;
-    bool cancelBeforeTheCall;
-  } cases[] = {{"cancelled before the call", true}, {"cancelled while waiting", false}};
-  for (const auto &c : cases) {
-    SCOPED_TRACE(c.name);
-    CapturedLog log;
-    HookCounts counts;
-    HeldOperation blocker, waiting;
-    std::stop_source source;
-    if (c.cancelBeforeTheCall)
-      source.request_stop();
-    WithRequestContext scope(contextCancelledBy(source));
-    {
-      IPCBlockingSendExecutor executor("test.executor", 1, 1);
-      OpenOnExit release{blocker.released};
-      IPCBlockingSendExecutor::Job job;
-      auto ticket = std::make_shared<IPCSendTicket>();
-      job.ticket = ticket;
-      job.run = [&blocker, ticket] { (void)blocker.operation()(*ticket); };
-      job.reject = [](ClientFailure) {};
-      executor.enqueue(std::move(job));
-      blocker.started.wait();
-
-      std::thread canceller([&] {
-        if (c.cancelBeforeTheCall)
-          return;
-        // The executor tells of no enqueue, so look until the send is in its list.
-        while (executor.waitingCount() == 0)
-          std::this_thread::yield();
-        source.request_stop();
-      });
-      const auto result = IPCClientRequestTimeout::withTimeout(executor, 600, "ComputerUseIPCTypeTextRequest",
-                                                               counts.hooks(), waiting.operation());
-      canceller.join();
-      EXPECT_EQ(result, failed(ComputerUseIPCError::cancelled));
-      EXPECT_EQ(executor.waitingCount(), 0u); // taken out of the list
-      EXPECT_EQ(counts.cancelledWhileRunning, 0);
-      EXPECT_EQ(counts.timeouts, 0);
-      EXPECT_EQ(log.withEvent("request_cancelled").size(), 1u);
-
-      blocker.released.set();
-      blocker.finished.wait();
-    } // joins: anything still queued would have run by now
-    EXPECT_EQ(waiting.runs, 0);
-    EXPECT_EQ(counts.cancelledWhileRunning, 0);
+  for (const bool beforeTheCall : {true, false}) {
+    SCOPED_TRACE(beforeTheCall ? "cancelled before the call" : "cancelled while waiting");
+    Race race(1);
+    race.occupy();
+    if (beforeTheCall)
+      race.caller.request_stop();
+    std::thread canceller([&] {
+      // The executor tells of no enqueue, so look until the send is in its list.
+      while (!beforeTheCall && race.executor->waitingCount() == 0)
+        std::this_thread::yield();
+      race.caller.request_stop();
+    });
+    const auto result = race.withTimeout(600, [&](const IPCSendTicket &) { return ClientResult<std::string>(std::to_string(++race.runs)); });
+    canceller.join();
+    EXPECT_EQ(result, failed(ComputerUseIPCError::cancelled));
+    EXPECT_EQ(race.executor->waitingCount(), 0u); // taken out of the list
+    race.join();
+    EXPECT_EQ(race.runs, 1) << "only the job that held the place ran";
+    EXPECT_EQ(race.cancelledWhileRunning + race.timeouts, 0);
+    EXPECT_EQ(race.log.withEvent("request_cancelled").size(), 1u);
   }
 }
 
