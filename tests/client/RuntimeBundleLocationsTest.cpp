@@ -3,15 +3,12 @@
 
 #include "client/RuntimeBundleLocations.h"
 
+#include "testing/MapEnvironment.h"
 #include "testing/TemporaryDirectory.h"
 
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <map>
-#include <optional>
-#include <string>
-#include <vector>
 
 namespace tavix::test {
 namespace {
@@ -19,153 +16,103 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr const char *appName = "Tavix Computer Use.app";
+const std::map<std::string, std::string> noOverride;
 
-EnvironmentLookup environmentOf(std::map<std::string, std::string> variables) {
-  return [variables](const char *name) -> std::optional<std::string> {
-    const auto found = variables.find(name);
-    if (found == variables.end())
-      return std::nullopt;
-    return found->second;
-  };
+RuntimeLocationInputs inputs(const std::map<std::string, std::string> &environment = noOverride,
+                             std::string bridge = "/a/b/c/d/e", std::string cwd = "/work") {
+  return {lookupIn(environment), std::move(bridge), std::move(cwd), appName};
 }
+std::map<std::string, std::string> overriding(const std::string &path) { return {{runtimePathEnvironmentKey, path}}; }
 
-RuntimeLocationInputs inputs(std::map<std::string, std::string> environment, std::string bridge = "/a/b/c/d/e",
-                             std::string cwd = "/work") {
-  return {environmentOf(std::move(environment)), std::move(bridge), std::move(cwd), appName};
-}
-
-TEST(RuntimeBundleLocations, TheOverrideIsTheOnlyCandidateEvenWhenItDoesNotExist) {
+TEST(RuntimeBundleLocations, TheOverrideIsTheOnlyCandidateElseThreePlacesAroundTheBridgeAndTheWorkingDirectory) {
+  const std::vector<std::string> around = {"/a/b", "/a/Tavix Computer Use.app", "/work/Tavix Computer Use.app"};
   const struct {
-    const char *name;
     std::map<std::string, std::string> environment;
+    const char *bridge, *cwd;
     std::vector<std::string> expected;
   } cases[] = {
-      {"missing path", {{runtimePathEnvironmentKey, "/does/not/exist/Runtime.app"}}, {"/does/not/exist/Runtime.app"}},
-      {"relative path", {{runtimePathEnvironmentKey, "runtime/Tavix.app"}}, {"runtime/Tavix.app"}},
-      {"empty", {{runtimePathEnvironmentKey, ""}}, {"/a/b", "/a/Tavix Computer Use.app", "/work/Tavix Computer Use.app"}},
-      {"unset", {{"OTHER", "/x"}}, {"/a/b", "/a/Tavix Computer Use.app", "/work/Tavix Computer Use.app"}},
-  };
-  for (const auto &c : cases) {
-    SCOPED_TRACE(c.name);
-    EXPECT_EQ(runtimeBundleCandidates(inputs(c.environment)), c.expected);
-  }
-}
-
-TEST(RuntimeBundleLocations, TheDefaultCandidatesSurroundTheBridgeAndTheWorkingDirectory) {
-  const struct {
-    const char *bridge;
-    const char *cwd;
-    std::vector<std::string> expected;
-  } cases[] = {
-      {"/a/b/c/d/e", "/work", {"/a/b", "/a/Tavix Computer Use.app", "/work/Tavix Computer Use.app"}},
-      {"/a/b/c/d/e/", "/work", {"/a/b", "/a/Tavix Computer Use.app", "/work/Tavix Computer Use.app"}},
-      {"/opt/Tavix/resources/app/computer-use/bin", "/home/u/project",
+      {overriding("/does/not/exist/Runtime.app"), "/a/b/c/d/e", "/work", {"/does/not/exist/Runtime.app"}},
+      {overriding("runtime/Tavix.app"), "/a/b/c/d/e", "/work", {"runtime/Tavix.app"}},
+      {overriding(""), "/a/b/c/d/e", "/work", around},
+      {{{"OTHER", "/x"}}, "/a/b/c/d/e", "/work", around},
+      {{}, "/a/b/c/d/e/", "/work", around},
+      {{},
+       "/opt/Tavix/resources/app/computer-use/bin",
+       "/home/u/project",
        {"/opt/Tavix/resources", "/opt/Tavix/Tavix Computer Use.app", "/home/u/project/Tavix Computer Use.app"}},
   };
   for (const auto &c : cases) {
     SCOPED_TRACE(c.bridge);
-    EXPECT_EQ(runtimeBundleCandidates(inputs({}, c.bridge, c.cwd)), c.expected);
-  }
-}
-
-TEST(RuntimeBundleLocations, ExpectedPathsAreAbsoluteNormalAndResolveSymbolicLinks) {
-  TemporaryDirectory directory;
-  const std::string real = fs::canonical(directory.path()).string() + "/real";
-  fs::create_directories(real + "/" + appName);
-  fs::create_directory_symlink(real, directory / "link");
-  const struct {
-    const char *name;
-    std::string override;
-    std::vector<std::string> expected;
-  } cases[] = {
-      {"through a link", directory / "link" + "/" + appName, {real + "/" + appName}},
-      {"a link to a missing bundle", directory / "link/Missing.app", {real + "/Missing.app"}},
-      {"dot segments of a missing path", "/nonexistent-tavix/x/../y/./Runtime.app", {"/nonexistent-tavix/y/Runtime.app"}},
-  };
-  for (const auto &c : cases) {
-    SCOPED_TRACE(c.name);
-    EXPECT_EQ(expectedRuntimeBundlePaths(inputs({{runtimePathEnvironmentKey, c.override}})), c.expected);
+    EXPECT_EQ(runtimeBundleCandidates(inputs(c.environment, c.bridge, c.cwd)), c.expected);
   }
 }
 
 // A candidate: H healthy, U unhealthy, N no answer; with an expected path or another one.
 RuntimeSelectionCandidate candidate(int32_t pid, char health, std::optional<std::string> bundlePath) {
-  RuntimeSelectionCandidate made;
-  made.processIdentifier = pid;
-  made.bundlePath = std::move(bundlePath);
-  if (health != 'N') {
-    made.health = ComputerUseIPCHealthResponse{};
-    made.health->isHealthy = health == 'H';
-    made.health->runtimePID = pid;
-  }
+  RuntimeSelectionCandidate made{pid, std::move(bundlePath), std::nullopt};
+  if (health != 'N')
+    made.health = ComputerUseIPCHealthResponse{.runtimePID = pid, .isHealthy = health == 'H'};
   return made;
 }
 
-const std::string expected = "/nonexistent-tavix/Applications/Tavix Computer Use.app";
-const std::string other = "/nonexistent-tavix/elsewhere/Tavix Computer Use.app";
-
 TEST(RuntimeBundleLocations, PrefersHealthThenAnExpectedPathThenTheSystemsOrder) {
+  const std::string expected = "/nonexistent-tavix/Applications/Tavix Computer Use.app";
+  const std::string other = "/nonexistent-tavix/elsewhere/Tavix Computer Use.app";
+  const std::string unnormalized = "/nonexistent-tavix/x/../Applications/Tavix Computer Use.app";
   const struct {
-    const char *name;
     std::vector<RuntimeSelectionCandidate> candidates;
-    int32_t chosen;
+    std::optional<int32_t> chosen;
   } cases[] = {
-      {"healthy before unhealthy before none", {candidate(1, 'N', other), candidate(2, 'U', other), candidate(3, 'H', other)}, 3},
-      {"unhealthy before none", {candidate(1, 'N', other), candidate(2, 'U', other)}, 2},
-      {"health before an expected path: none", {candidate(1, 'N', expected), candidate(2, 'U', other)}, 2},
-      {"health before an expected path: unhealthy", {candidate(1, 'U', expected), candidate(2, 'H', other)}, 2},
-      {"expected among healthy", {candidate(1, 'H', other), candidate(2, 'H', expected)}, 2},
-      {"expected among unhealthy", {candidate(1, 'U', other), candidate(2, 'U', expected)}, 2},
-      {"expected among no answers", {candidate(1, 'N', other), candidate(2, 'N', expected)}, 2},
-      {"no path is not expected", {candidate(1, 'H', std::nullopt), candidate(2, 'H', expected)}, 2},
-      {"expected after normalizing", {candidate(1, 'H', other), candidate(2, 'H', "/nonexistent-tavix/x/../Applications/Tavix Computer Use.app")}, 2},
-      {"tie of healthy", {candidate(1, 'H', other), candidate(2, 'H', other)}, 1},
-      {"tie of expected", {candidate(1, 'U', other), candidate(2, 'H', expected), candidate(3, 'H', expected)}, 2},
-      {"tie of no paths", {candidate(1, 'N', std::nullopt), candidate(2, 'N', std::nullopt)}, 1},
-      {"tie of unhealthy after a healthy", {candidate(1, 'U', other), candidate(2, 'U', other), candidate(3, 'H', std::nullopt), candidate(4, 'H', std::nullopt)}, 3},
+      {{candidate(1, 'N', other), candidate(2, 'U', other), candidate(3, 'H', other)}, 3},
+      {{candidate(1, 'N', other), candidate(2, 'U', other)}, 2},
+      {{candidate(1, 'N', expected), candidate(2, 'U', other)}, 2},
+      {{candidate(1, 'U', expected), candidate(2, 'H', other)}, 2},
+      {{candidate(1, 'H', other), candidate(2, 'H', expected)}, 2},
+      {{candidate(1, 'U', other), candidate(2, 'U', expected)}, 2},
+      {{candidate(1, 'N', other), candidate(2, 'N', expected)}, 2},
+      {{candidate(1, 'H', std::nullopt), candidate(2, 'H', expected)}, 2},
+      {{candidate(1, 'H', other), candidate(2, 'H', unnormalized)}, 2},
+      {{candidate(1, 'H', other), candidate(2, 'H', other)}, 1},
+      {{candidate(1, 'U', other), candidate(2, 'H', expected), candidate(3, 'H', expected)}, 2},
+      {{candidate(1, 'N', std::nullopt), candidate(2, 'N', std::nullopt)}, 1},
+      {{candidate(1, 'U', other), candidate(2, 'U', other), candidate(3, 'H', {}), candidate(4, 'H', {})}, 3},
+      {{candidate(9, 'U', other)}, 9},
+      {{candidate(9, 'N', other)}, 9},
+      {{}, std::nullopt},
   };
-  for (const auto &c : cases) {
-    SCOPED_TRACE(c.name);
-    const auto chosen = selectPreferredRuntimeCandidate(c.candidates, {expected});
-    ASSERT_TRUE(chosen.has_value());
-    EXPECT_EQ(chosen->processIdentifier, c.chosen);
-    if (chosen->health) {
-      EXPECT_EQ(chosen->health->runtimePID, c.chosen); // the whole candidate, not only its id
-    }
+  for (size_t row = 0; row < std::size(cases); ++row) {
+    SCOPED_TRACE(row);
+    const auto chosen = selectPreferredRuntimeCandidate(cases[row].candidates, {expected});
+    EXPECT_EQ(chosen ? std::optional(chosen->processIdentifier) : std::nullopt, cases[row].chosen);
+    if (chosen && chosen->health)
+      EXPECT_EQ(chosen->health->runtimePID, chosen->processIdentifier); // the whole candidate, not only its id
   }
 }
 
-TEST(RuntimeBundleLocations, ASingleCandidateIsChosenAsItIsAndNoneGivesNothing) {
-  for (char health : {'H', 'U', 'N'}) {
-    SCOPED_TRACE(health);
-    const auto chosen = selectPreferredRuntimeCandidate({candidate(9, health, std::nullopt)}, {expected});
-    ASSERT_TRUE(chosen.has_value());
-    EXPECT_EQ(chosen->processIdentifier, 9);
-    EXPECT_EQ(chosen->health.has_value(), health != 'N');
-  }
-  EXPECT_FALSE(selectPreferredRuntimeCandidate({}, {expected}).has_value());
-}
-
-TEST(RuntimeBundleLocations, AnInstanceReachedThroughASymbolicLinkCountsAsExpected) {
+TEST(RuntimeBundleLocations, ExpectedPathsAreAbsoluteNormalAndResolveSymbolicLinksOnEitherSide) {
   TemporaryDirectory directory;
-  fs::create_directories(directory / "real" + "/" + appName);
-  fs::create_directory_symlink(directory / "real", directory / "link");
-  const std::string realBundle = directory / "real" + "/" + appName;
-  const std::string linkedBundle = directory / "link" + "/" + appName;
+  const std::string real = fs::canonical(directory.path()).string() + "/real", link = directory / "link";
+  fs::create_directories(real + "/" + appName);
+  fs::create_directory_symlink(real, link);
   const struct {
-    const char *name;
-    std::string expectedThrough, candidatePath;
+    std::string override;
+    std::vector<std::string> expected;
   } cases[] = {
-      {"the instance reports the link", realBundle, linkedBundle},
-      {"the override names the link", linkedBundle, realBundle},
+      {link + "/" + appName, {real + "/" + appName}},
+      {link + "/Missing.app", {real + "/Missing.app"}},
+      {"/nonexistent-tavix/x/../y/./Runtime.app", {"/nonexistent-tavix/y/Runtime.app"}},
   };
   for (const auto &c : cases) {
-    SCOPED_TRACE(c.name);
-    const auto expectedPaths = expectedRuntimeBundlePaths(inputs({{runtimePathEnvironmentKey, c.expectedThrough}}));
+    const auto environment = overriding(c.override);
+    EXPECT_EQ(expectedRuntimeBundlePaths(inputs(environment)), c.expected) << c.override;
+  }
+  // An instance that reports the link, or the real path when the override names the link.
+  for (const auto &[overridden, reported] : {std::pair(real, link), std::pair(link, real)}) {
+    const auto environment = overriding(overridden + "/" + appName);
     const auto chosen = selectPreferredRuntimeCandidate(
-        {candidate(1, 'H', directory / "elsewhere.app"), candidate(2, 'H', c.candidatePath)}, expectedPaths);
-    ASSERT_TRUE(chosen.has_value());
-    EXPECT_EQ(chosen->processIdentifier, 2);
+        {candidate(1, 'H', directory / "elsewhere.app"), candidate(2, 'H', reported + "/" + appName)},
+        expectedRuntimeBundlePaths(inputs(environment)));
+    EXPECT_EQ(chosen.value().processIdentifier, 2) << reported;
   }
 }
 

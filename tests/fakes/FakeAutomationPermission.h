@@ -34,25 +34,20 @@ public:
     std::lock_guard guard(lock_);
     hook_ = std::move(hook);
   }
-
   std::vector<Probe> probes() const {
     std::lock_guard guard(lock_);
     return probes_;
   }
 
   int32_t probe(int32_t pid, bool askUserIfNeeded) override {
-    const Probe call{pid, askUserIfNeeded};
-    Hook hook;
-    int32_t status = defaultStatus_;
-    {
-      std::lock_guard guard(lock_);
-      probes_.push_back(call);
-      hook = hook_;
-      if (const auto found = statuses_.find({pid, askUserIfNeeded}); found != statuses_.end())
-        status = found->second;
-    }
+    std::unique_lock guard(lock_);
+    probes_.push_back({pid, askUserIfNeeded});
+    const Hook hook = hook_;
+    const auto found = statuses_.find({pid, askUserIfNeeded});
+    const int32_t status = found != statuses_.end() ? found->second : defaultStatus_;
+    guard.unlock();
     if (hook)
-      hook(call);
+      hook({pid, askUserIfNeeded});
     return status;
   }
 
