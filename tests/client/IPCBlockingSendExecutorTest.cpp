@@ -62,8 +62,6 @@ public:
     EXPECT_EQ(executor.waitingCount(), waiting);
   }
 
-  IPCBlockingSendExecutor executor;
-
 private:
   std::vector<std::string> waitFor(const std::vector<std::string> &list, size_t count) {
     std::unique_lock guard(lock_);
@@ -76,6 +74,9 @@ private:
   std::set<std::string> released_;
   std::vector<std::string> started_, finished_;
   std::vector<std::pair<std::string, ClientFailure>> rejected_;
+
+public:
+  IPCBlockingSendExecutor executor; // last, so that its threads are joined before the rest goes
 };
 
 TEST(IPCBlockingSendExecutor, RunsAndQueuesUpToItsLimitsAndRefusesTheNextJobAtOnce) {
