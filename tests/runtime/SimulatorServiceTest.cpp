@@ -38,33 +38,31 @@ namespace {
 using namespace std::chrono_literals;
 using Form = RuntimeReply::Form;
 using Reply = tl::expected<RuntimeReply, BusError>;
+using ToolResult = ComputerUseIPCToolResultResponse;
+using Health = ComputerUseIPCHealthResponse;
 
 constexpr const char *busName = "com.tavix.computeruse", *waiting = "captureUpdateWaiting";
-constexpr std::string_view healthType = ComputerUseIPCHealthRequest::requestType,
-                           listAppsType = ComputerUseIPCListAppsRequest::requestType,
-                           getStateType = ComputerUseIPCAppGetStateRequest::requestType,
-                           performType = ComputerUseIPCAppPerformActionRequest::requestType,
-                           usageType = ComputerUseIPCAppUsageRequest::requestType,
-                           cancelType = ComputerUseIPCCancelRequest::requestType,
-                           startType = ComputerUseIPCAppStartFrontmostCaptureRequest::requestType,
-                           nextType = ComputerUseIPCAppNextCaptureUpdateRequest::requestType,
-                           cancelCaptureType = ComputerUseIPCAppCancelCaptureRequest::requestType;
+constexpr std::string_view healthType = "ComputerUseIPCHealthRequest", listAppsType = "ComputerUseIPCListAppsRequest",
+                           getStateType = "ComputerUseIPCAppGetStateRequest", performType = "ComputerUseIPCAppPerformActionRequest",
+                           usageType = "ComputerUseIPCAppUsageRequest", cancelType = "ComputerUseIPCCancelRequest",
+                           startType = "ComputerUseIPCAppStartFrontmostCaptureRequest",
+                           nextType = "ComputerUseIPCAppNextCaptureUpdateRequest", cancelCaptureType = "ComputerUseIPCAppCancelCaptureRequest";
 
-template <typename Record> Record decoded(const Reply &reply) {
+// A reply in one line: its D-Bus error, else its runtime error, else its response ("none"
+// when it carries none); a runtime error beside a response shows both.
+std::string describe(const Reply &reply) {
   if (!reply)
-    throw std::runtime_error(reply.error().name + ": " + reply.error().message);
-  auto record = Record::fromJSON(parseJSON(reply->bytes.value_or("")).value_or(nlohmann::json()));
-  if (!record)
-    throw std::runtime_error(record.error().description + " in " + reply->bytes.value_or("").substr(0, 300));
-  return std::move(*record);
+    return reply.error().name + ": " + reply.error().message;
+  const std::string error = reply->errn ? std::to_string(*reply->errn) + " " + reply->errs.value_or("") : "";
+  return reply->errn && reply->form == Form::none ? error : error + (error.empty() ? "" : " + ") + reply->bytes.value_or("none");
 }
-using ToolResult = ComputerUseIPCToolResultResponse;
 
 nlohmann::json replyJSON(const Reply &reply) {
   if (!reply || reply->errn)
-    throw std::runtime_error(reply ? reply->errs.value_or("") : reply.error().name);
+    throw std::runtime_error(describe(reply));
   return parseJSON(reply->bytes.value_or("")).value_or(nlohmann::json());
 }
+template <typename Record> Record decoded(const Reply &reply) { return Record::fromJSON(replyJSON(reply)).value(); }
 
 std::string updateType(const Reply &reply) {
   const auto json = replyJSON(reply);
@@ -72,16 +70,13 @@ std::string updateType(const Reply &reply) {
 }
 
 std::string idBody(const std::string &id) { return R"({"requestId":")" + id + R"("})"; }
-std::string nextBody(const std::string &id, std::string_view timeout = "") {
-  return R"({"requestId":")" + id + "\"" + std::string(timeout) + "}";
-}
+std::string nextBody(const std::string &id, std::string_view timeout = "") { return R"({"requestId":")" + id + "\"" + std::string(timeout) + "}"; }
 std::string clickBody(const char *app, int element) {
   return R"({"app":")" + std::string(app) + R"(","action":{"click":{"_0":{"elementIndex":)" + std::to_string(element) +
          R"(,"clickCount":1,"mouseButton":0}}}})";
 }
 std::string setValueBody(int element, const std::string &value) {
-  return R"({"app":"Notes","action":{"setValue":{"_0":{"elementIndex":)" + std::to_string(element) + R"(,"value":")" +
-         value + R"("}}}})";
+  return R"({"app":"Notes","action":{"setValue":{"_0":{"elementIndex":)" + std::to_string(element) + R"(,"value":")" + value + R"("}}}})";
 }
 
 // A memfd holding "{}" with exactly `seals` added.
@@ -120,9 +115,6 @@ protected:
     ASSERT_EQ(updateType(client.send(nextType, nextBody(id, R"(,"timeoutMs":0)"))), "snapshot");
   }
 
-  // Waits until `count` next-updates have started waiting in all; the last one's event.
-  nlohmann::json awaitWaiting(uint32_t count) { return control.awaitEvents(waiting, count).value().back(); }
-
   static inline std::unique_ptr<PrivateSessionBus> bus;
   static inline std::unique_ptr<RuntimeSimulatorProcess> simulator;
   SimulatorControl control{bus->address(), busName};
@@ -131,24 +123,17 @@ protected:
 // ---- a run, the journal and the payload forms ----
 
 TEST_F(SimulatorServiceTest, HealthDescribesTheRunAndTheJournalKeepsTheCall) {
-  RuntimeSimulatorProcess other(bus->address(),
-                                {"--bus-name", "org.example.Runtime", "--unhealthy", "--screen-size", "400x320"});
+  RuntimeSimulatorProcess other(bus->address(), {"--bus-name", "org.example.Runtime", "--unhealthy", "--screen-size", "400x320"});
   SimulatorControl client(bus->address(), "org.example.Runtime");
-  const auto first = decoded<ComputerUseIPCHealthResponse>(client.send(healthType, "{}"));
-  const auto second =
-      decoded<ComputerUseIPCHealthResponse>(client.send(healthType, R"({"refreshClientActivity":true})", "HEALTH-2"));
-  EXPECT_EQ(first.runtimePID, other.pid());
-  EXPECT_EQ(first.bundleIdentifier, "org.example.Runtime");
+  const auto first = decoded<Health>(client.send(healthType, "{}"));
+  const auto second = decoded<Health>(client.send(healthType, R"({"refreshClientActivity":true})", "HEALTH-2"));
   char resolved[PATH_MAX];
   ASSERT_NE(::realpath(RuntimeSimulatorProcess::defaultExecutable().c_str(), resolved), nullptr);
-  EXPECT_EQ(first.bundlePath, resolved);
-  EXPECT_FALSE(first.isHealthy);
   EXPECT_EQ(first.generationID.size(), 36u);
-  EXPECT_EQ(second.generationID, first.generationID);
-  EXPECT_EQ(first.activeClientCount, 0);
-  EXPECT_EQ(second.activeClientCount, 1);
+  EXPECT_EQ(first, (Health{first.generationID, other.pid(), "org.example.Runtime", resolved, false, 0, first.heartbeatTimeoutSeconds}));
+  EXPECT_EQ(second, (Health{first.generationID, other.pid(), "org.example.Runtime", resolved, false, 1, first.heartbeatTimeoutSeconds}));
   // Another run is another generation, healthy unless told otherwise.
-  const auto shared = decoded<ComputerUseIPCHealthResponse>(control.send(healthType, "{}"));
+  const auto shared = decoded<Health>(control.send(healthType, "{}"));
   EXPECT_NE(shared.generationID, first.generationID);
   EXPECT_TRUE(shared.isHealthy);
   // The screen size reaches the desktop.
@@ -159,128 +144,89 @@ TEST_F(SimulatorServiceTest, HealthDescribesTheRunAndTheJournalKeepsTheCall) {
       "clientVersion":"1.0","payload":"inline","bodyBytes":30,"body":{"refreshClientActivity":true}})").value());
 }
 
-TEST_F(SimulatorServiceTest, RepliesTravelInlineUpTo64KiBAndInAMemfdAbove) {
+TEST_F(SimulatorServiceTest, RequestsAndRepliesTravelInlineUpTo64KiBAndInAMemfdAbove) {
   // The reply echoes the value, so its size is the value's plus a constant.
   const auto probe = control.send(performType, setValueBody(1, std::string(1000, 'a')));
   ASSERT_TRUE(probe && probe->bytes);
   const size_t fits = 65536 - (probe->bytes->size() - 1000);
   const auto atLimit = control.send(performType, setValueBody(1, std::string(fits, 'a')));
-  EXPECT_EQ(atLimit.value().form, Form::directObject);
-  EXPECT_EQ(atLimit->bytes.value_or("").size(), 65536u);
+  EXPECT_EQ(std::pair(atLimit.value().form, atLimit->bytes.value_or("").size()), std::pair(Form::directObject, size_t{65536}));
   const auto overLimit = control.send(performType, setValueBody(1, std::string(fits + 1, 'a')));
-  EXPECT_EQ(overLimit.value().form, Form::responseFile);
-  EXPECT_EQ(overLimit->bytes.value_or("").size(), 65537u) << "RspF is not a sealed memfd";
+  EXPECT_EQ(std::pair(overLimit.value().form, overLimit->bytes.value_or("").size()), std::pair(Form::responseFile, size_t{65537}))
+      << "RspF is not a sealed memfd";
   EXPECT_FALSE(decoded<ToolResult>(overLimit).isError);
-}
-
-TEST_F(SimulatorServiceTest, AFourMegabytePasteTravelsInMemfdsBothWays) {
+  // A four-megabyte paste goes in a memfd both ways, and is journalled without its body.
   ASSERT_TRUE(control.send(performType, clickBody("Notes", 2)));
-  const std::string body = R"({"app":"Notes","action":{"paste":{"_0":{"text":")" +
-                           std::string(PasteParams::maxTextBytes, 'q') + R"(","format":"text"}}}})";
-  const auto reply = control.send(performType, body);
+  const std::string body = R"({"app":"Notes","action":{"paste":{"_0":{"text":")" + std::string(PasteParams::maxTextBytes, 'q') + R"(","format":"text"}}}})";
+  const auto reply = control.send(performType, body, "PASTE");
   EXPECT_EQ(reply.value().form, Form::responseFile);
   EXPECT_FALSE(decoded<ToolResult>(reply).isError);
-  // Journalled without the body, which is over 64 KiB.
-  const auto entry = control.events().back();
-  EXPECT_EQ(entry["payload"], "memfd");
-  EXPECT_EQ(entry["bodyBytes"], body.size());
-  EXPECT_FALSE(entry.contains("body"));
+  EXPECT_EQ(control.events().back(), (nlohmann::json{{"requestType", performType}, {"requestID", "PASTE"}, {"clientVersion", "1.0"},
+                                                     {"payload", "memfd"}, {"bodyBytes", body.size()}}));
   ASSERT_TRUE(control.send(performType, setValueBody(2, ""))); // the next tests' Notes stays small
 }
 
-TEST_F(SimulatorServiceTest, ARequestFileMustBeASealedMemfd) {
+// Each change to a well-formed Send of a health request, and the runtime error it answers
+// without a response. A request file must be a memfd sealed against every change.
+TEST_F(SimulatorServiceTest, MalformedSendsAreRefusedWithTheirErrorNumbers) {
   TemporaryDirectory directory;
   writeFile(directory / "request.json", "{}");
-  const std::tuple<const char *, std::function<int()>, bool> rows[] = {
-      {"a sealed memfd", [] { return makeSealedMemfd("tavix-test", "{}"); }, true},
-      {"an unsealed memfd", [] { return memfdWithSeals(0); }, false},
-      {"a memfd that may still be written", [] { return memfdWithSeals(F_SEAL_SHRINK | F_SEAL_GROW); }, false},
-      {"a memfd that may still grow", [] { return memfdWithSeals(F_SEAL_WRITE | F_SEAL_SHRINK); }, false},
-      {"a regular file", [&] { return ::open((directory / "request.json").c_str(), O_RDONLY | O_CLOEXEC); }, false},
+  const auto inFile = [](int fd) { return [fd](SendArguments &a) { a.requestData.reset(); a.requestFile = fd; }; };
+  const auto ofType = [](std::string_view type, std::string body) { return [=](SendArguments &a) { a.requestType = std::string(type); a.requestData = body; }; };
+  const std::string notSealed = "-1700 ReqF is not a memfd sealed against writing, shrinking and growing of at most 64 MiB";
+  const std::pair<std::function<void(SendArguments &)>, std::string> rows[] = {
+      {[](SendArguments &a) { a.eventClass = "aevt"; a.eventID = "odoc"; }, "-1708 Event not handled: aevt/odoc"},
+      {[](SendArguments &a) { a.eventID = "SndX"; }, "-1708 Event not handled: ZlCu/SndX"},
+      {[](SendArguments &a) { a.requestType.reset(); }, "-1701 The request has no RspT parameter"},
+      {[](SendArguments &a) { a.requestData.reset(); }, "-1701 The request has neither ReqD nor ReqF"},
+      {[](SendArguments &a) { a.requestFile = makeSealedMemfd("tavix-test", "{}"); }, "-1700 A request carries either ReqD or ReqF, not both"},
+      {inFile(memfdWithSeals(0)), notSealed},
+      {inFile(memfdWithSeals(F_SEAL_SHRINK | F_SEAL_GROW)), notSealed}, // may still be written
+      {inFile(memfdWithSeals(F_SEAL_WRITE | F_SEAL_SHRINK)), notSealed}, // may still grow
+      {inFile(::open((directory / "request.json").c_str(), O_RDONLY | O_CLOEXEC)), notSealed},
+      // A next-update the service reads itself, before any look: its refusals are runtime
+      // errors too.
+      {ofType(nextType, nextBody("ghost", R"(,"timeoutMs":60000)")), "-1728 No capture is running with requestId \"ghost\""},
+      {ofType(nextType, "{"), "-50 Invalid ComputerUseIPCAppNextCaptureUpdateRequest: the body is not JSON"},
   };
-  for (const auto &[name, openFile, accepted] : rows) {
-    SCOPED_TRACE(name);
-    SendArguments arguments;
-    arguments.requestType = std::string(listAppsType);
-    arguments.requestFile = openFile();
-    ASSERT_GE(arguments.requestFile, 0);
-    const auto reply = control.sendArguments(arguments);
-    ::close(arguments.requestFile);
-    ASSERT_TRUE(reply.has_value());
-    if (accepted) {
-      EXPECT_FALSE(decoded<ToolResult>(reply).isError);
-      EXPECT_EQ(control.events().back()["body"], nlohmann::json::object());
-      continue;
-    }
-    EXPECT_EQ(reply->errn, -1700);
-    EXPECT_EQ(reply->errs, "ReqF is not a memfd sealed against writing, shrinking and growing of at most 64 MiB");
-    EXPECT_EQ(reply->bytes, std::nullopt);
+  for (const auto &[change, refusal] : rows) {
+    SendArguments arguments{.requestType = std::string(healthType), .requestData = "{}"};
+    change(arguments);
+    EXPECT_EQ(describe(control.sendArguments(arguments)), refusal);
+    if (arguments.requestFile >= 0)
+      ::close(arguments.requestFile);
   }
-}
-
-TEST_F(SimulatorServiceTest, MalformedSendsAreRefusedWithTheirErrorNumbers) {
-  const int sealed = makeSealedMemfd("tavix-test", "{}");
-  const auto withType = [](std::optional<std::string> data, const char *eventClass = "ZlCu", const char *eventID = "SndR") {
-    SendArguments arguments;
-    arguments.eventClass = eventClass;
-    arguments.eventID = eventID;
-    arguments.requestType = std::string(healthType);
-    arguments.requestData = std::move(data);
-    return arguments;
-  };
-  SendArguments noType = withType("{}"), both = withType("{}");
-  noType.requestType.reset();
-  both.requestFile = sealed;
-  const std::tuple<SendArguments, int32_t, std::string> rows[] = {
-      {withType("{}", "aevt", "odoc"), -1708, "Event not handled: aevt/odoc"},
-      {withType("{}", "ZlCu", "SndX"), -1708, "Event not handled: ZlCu/SndX"},
-      {noType, -1701, "The request has no RspT parameter"},
-      {withType(std::nullopt), -1701, "The request has neither ReqD nor ReqF"},
-      {both, -1700, "A request carries either ReqD or ReqF, not both"},
-  };
-  for (const auto &[arguments, errn, errs] : rows) {
-    SCOPED_TRACE(errs);
-    const auto reply = control.sendArguments(arguments);
-    ASSERT_TRUE(reply.has_value()) << reply.error().name;
-    EXPECT_EQ(reply->errn, errn);
-    EXPECT_EQ(reply->errs, errs);
-    EXPECT_EQ(reply->form, Form::none);
-  }
-  ::close(sealed);
   // Every one was journalled, even those refused before their type was known.
   EXPECT_EQ(control.events().size(), std::size(rows));
+  // A sealed memfd is read as the body.
+  SendArguments sealed{.requestType = std::string(listAppsType), .requestFile = makeSealedMemfd("tavix-test", "{}")};
+  EXPECT_FALSE(decoded<ToolResult>(control.sendArguments(sealed)).isError);
+  ::close(sealed.requestFile);
+  EXPECT_EQ(control.events().back()["body"], nlohmann::json::object());
 }
 
 // ---- cancellation ----
 
-TEST_F(SimulatorServiceTest, ACancelEndsAWaitingRequestAtOnceWhileOthersAreServed) {
+TEST_F(SimulatorServiceTest, ACancelEndsTheRequestItNamesAtOnceWhileOthersAreServed) {
   for (const char *effect : {R"("delayMs":600000)", R"("neverAnswer":true)"}) {
     SCOPED_TRACE(effect);
     control.clearEvents();
-    ASSERT_TRUE(control.setFaults(R"([{"requestType":"ComputerUseIPCAppGetStateRequest",)" + std::string(effect) + "}]"));
+    ASSERT_TRUE(control.setFaults(R"([{"requestType":"ComputerUseIPCAppGetStateRequest",)" + std::string(effect) +
+                                  R"(},{"requestType":"ComputerUseIPCListAppsRequest","delayMs":100}])"));
     SimulatorControl slow(bus->address(), busName);
     ASSERT_TRUE(slow.sendWithoutWaiting(getStateType, R"({"app":"Notes"})", "SLOW-1", 20s));
-    ASSERT_TRUE(control.awaitEvents(getStateType, 1).has_value());
-    // The slow request holds nothing up, and the cancel ends it well before its time-out.
+    ASSERT_TRUE(slow.sendWithoutWaiting(listAppsType, "{}", "SLOW-2"));
+    ASSERT_TRUE(control.awaitEvents(listAppsType, 1).has_value());
+    // The slow requests hold nothing up; a cancel naming none of them ends none, and the
+    // cancel of SLOW-1 ends it well before its time-out, leaving SLOW-2 to finish.
     EXPECT_EQ(control.send(healthType, "{}").value().errn, std::nullopt);
-    EXPECT_EQ(control.send(cancelType, R"({"requestID":"SLOW-1"})").value().bytes, "{}");
-    const auto replies = slow.awaitReplies();
-    ASSERT_EQ(replies.size(), 1u);
-    ASSERT_TRUE(replies[0].reply.has_value()) << replies[0].reply.error().name;
-    EXPECT_EQ(replies[0].reply->errn, -128);
-    EXPECT_EQ(replies[0].reply->errs, "Request cancelled");
+    EXPECT_EQ(describe(control.send(cancelType, R"({"requestID":"SLOW-3"})")), "{}");
+    EXPECT_EQ(describe(control.send(cancelType, R"({"requestID":"SLOW-1"})")), "{}");
+    std::map<std::string, std::string> ends;
+    for (const auto &[callID, reply] : slow.awaitReplies())
+      ends[callID] = reply && !reply->errn ? "served" : describe(reply);
+    EXPECT_EQ(ends, (std::map<std::string, std::string>{{"SLOW-1", "-128 Request cancelled"}, {"SLOW-2", "served"}}));
   }
-}
-
-TEST_F(SimulatorServiceTest, ACancelForAnotherRequestLeavesTheDelayedOneToFinish) {
-  ASSERT_TRUE(control.setFaults(R"([{"requestType":"ComputerUseIPCListAppsRequest","delayMs":100}])"));
-  SimulatorControl slow(bus->address(), busName);
-  ASSERT_TRUE(slow.sendWithoutWaiting(listAppsType, "{}", "SLOW-2"));
-  ASSERT_TRUE(control.awaitEvents(listAppsType, 1).has_value());
-  EXPECT_EQ(control.send(cancelType, R"({"requestID":"SLOW-3"})").value().bytes, "{}");
-  const auto replies = slow.awaitReplies();
-  ASSERT_EQ(replies.size(), 1u);
-  EXPECT_FALSE(decoded<ToolResult>(replies[0].reply).isError);
 }
 
 // ---- faults ----
@@ -290,25 +236,18 @@ TEST_F(SimulatorServiceTest, ScriptedRepliesAndBusErrors) {
     {"requestType":"ComputerUseIPCHealthRequest","dbusError":"org.freedesktop.DBus.Error.AccessDenied","errs":"no"},
     {"requestType":"ComputerUseIPCListAppsRequest","noDirectObject":true},
     {"requestType":"ComputerUseIPCAppUsageRequest","errn":-1743,"times":1}])"));
-  const auto denied = control.send(healthType, "{}");
-  ASSERT_FALSE(denied.has_value());
-  EXPECT_EQ(denied.error().name, "org.freedesktop.DBus.Error.AccessDenied");
-  EXPECT_EQ(denied.error().message, "no");
-  const auto empty = control.send(listAppsType, "{}");
-  EXPECT_EQ(empty.value().errn, std::nullopt);
-  EXPECT_EQ(empty->form, Form::none);
-  const auto refused = control.send(usageType, "{}");
-  EXPECT_EQ(refused.value().errn, -1743);
-  EXPECT_EQ(refused->errs, "Simulated error -1743");
+  EXPECT_EQ(describe(control.send(healthType, "{}")), "org.freedesktop.DBus.Error.AccessDenied: no");
+  EXPECT_EQ(describe(control.send(listAppsType, "{}")), "none");
+  EXPECT_EQ(describe(control.send(usageType, "{}")), "-1743 Simulated error -1743");
   // A rule used up, and requests no rule names, are served.
-  EXPECT_EQ(control.send(usageType, "{}").value().bytes, "{}");
-  EXPECT_EQ(control.send(ComputerUseIPCAppStartRequest::requestType, R"({"app":"Notes"})").value().bytes, "{}");
+  EXPECT_EQ(describe(control.send(usageType, "{}")), "{}");
+  EXPECT_EQ(describe(control.send(ComputerUseIPCAppStartRequest::requestType, R"({"app":"Notes"})")), "{}");
   // An invalid script is refused and the old one stays.
   const auto invalid = control.setFaults(R"([{"times":0}])");
   ASSERT_FALSE(invalid.has_value());
-  EXPECT_EQ(invalid.error().name, "org.freedesktop.DBus.Error.InvalidArgs");
-  EXPECT_EQ(invalid.error().message, "Fault rule 1: \"times\" must be an integer from 1 to 1000000");
-  EXPECT_EQ(control.send(listAppsType, "{}").value().form, Form::none);
+  EXPECT_EQ(invalid.error().name + ": " + invalid.error().message,
+            "org.freedesktop.DBus.Error.InvalidArgs: Fault rule 1: \"times\" must be an integer from 1 to 1000000");
+  EXPECT_EQ(describe(control.send(listAppsType, "{}")), "none");
 }
 
 TEST_F(SimulatorServiceTest, ACrashFromTheCommandLineEndsTheProcessInTheMiddleOfTheCall) {
@@ -316,9 +255,7 @@ TEST_F(SimulatorServiceTest, ACrashFromTheCommandLineEndsTheProcessInTheMiddleOf
                                                     R"([{"requestType":"ComputerUseIPCHealthRequest","crash":true}])"});
   SimulatorControl client(bus->address(), "org.example.Crash");
   EXPECT_EQ(client.send(listAppsType, "{}").value().errn, std::nullopt);
-  const auto reply = client.send(healthType, "{}");
-  ASSERT_FALSE(reply.has_value());
-  EXPECT_EQ(reply.error().name, "org.freedesktop.DBus.Error.NoReply");
+  EXPECT_TRUE(describe(client.send(healthType, "{}")).starts_with("org.freedesktop.DBus.Error.NoReply: "));
   EXPECT_EQ(crashing.waitForExit(), 70);
 }
 
@@ -327,8 +264,7 @@ TEST_F(SimulatorServiceTest, ACrashFromTheCommandLineEndsTheProcessInTheMiddleOf
 TEST_F(SimulatorServiceTest, ARepeatedStateAnswersTheSameUntilTheDesktopChanges) {
   const std::string notes = R"({"app":"Notes"})";
   // Nothing between, a press of Save between, nothing again.
-  const std::pair<std::optional<std::string>, bool> rows[] = {
-      {std::nullopt, true}, {clickBody("Notes", 3), false}, {std::nullopt, true}};
+  const std::pair<std::optional<std::string>, bool> rows[] = {{std::nullopt, true}, {clickBody("Notes", 3), false}, {std::nullopt, true}};
   for (const auto &[action, same] : rows) {
     SCOPED_TRACE(action.value_or("nothing"));
     const auto before = control.send(getStateType, notes);
@@ -340,12 +276,10 @@ TEST_F(SimulatorServiceTest, ARepeatedStateAnswersTheSameUntilTheDesktopChanges)
       EXPECT_EQ(control.send(getStateType, notes).value().bytes == before->bytes, same);
   }
   // A stored PNG of the default screen: three bytes a pixel, four thirds of that in base64.
-  const auto screenshot = decoded<ToolResult>(control.send(getStateType, R"({"app":"Files","observation":"screenshot"})"))
-                              .content.at(0).data.value();
+  const auto screenshot = decoded<ToolResult>(control.send(getStateType, R"({"app":"Files","observation":"screenshot"})")).content.at(0).data.value();
   EXPECT_GT(screenshot.size(), 1024u * 768 * 3 * 4 / 3);
   const DecodedPng png = decodePng(decodeBase64(screenshot));
-  EXPECT_EQ(png.problem, "");
-  EXPECT_EQ(std::pair(png.width, png.height), std::pair(1024u, 768u));
+  EXPECT_EQ(std::tuple(png.problem, png.width, png.height), std::tuple("", 1024u, 768u));
 }
 
 // ---- the name, the handler and the journal ----
@@ -354,9 +288,9 @@ TEST_F(SimulatorServiceTest, InstancesQueueForTheName) {
   RuntimeSimulatorProcess second(bus->address());
   EXPECT_EQ(control.queuedOwners(busName).value(), (std::vector{simulator->uniqueName(), second.uniqueName()}));
   // Calls to the name reach the owner; the queued one can be addressed by its unique name.
-  EXPECT_EQ(decoded<ComputerUseIPCHealthResponse>(control.send(healthType, "{}")).runtimePID, simulator->pid());
+  EXPECT_EQ(decoded<Health>(control.send(healthType, "{}")).runtimePID, simulator->pid());
   SimulatorControl direct(bus->address(), second.uniqueName());
-  EXPECT_EQ(decoded<ComputerUseIPCHealthResponse>(direct.send(healthType, "{}")).runtimePID, second.pid());
+  EXPECT_EQ(decoded<Health>(direct.send(healthType, "{}")).runtimePID, second.pid());
 }
 
 TEST_F(SimulatorServiceTest, ALateHandlerIsMissingUntilInstalledAndSIGINTEndsTheProcess) {
@@ -375,10 +309,10 @@ TEST_F(SimulatorServiceTest, ALateHandlerIsMissingUntilInstalledAndSIGINTEndsThe
 
 TEST_F(SimulatorServiceTest, AwaitingEventsTimesOutSayingHowManyArrived) {
   ASSERT_TRUE(control.send(healthType, "{}"));
-  const auto two = control.awaitEvents(healthType, 2, 100ms);
+  const auto two = control.awaitEvents(healthType, 2, 1ms);
   ASSERT_FALSE(two.has_value());
-  EXPECT_EQ(two.error().name, "com.tavix.computeruse.Simulator1.Error.TimedOut");
-  EXPECT_EQ(two.error().message, "1 of 2 ComputerUseIPCHealthRequest events arrived in time");
+  EXPECT_EQ(two.error().name + ": " + two.error().message,
+            "com.tavix.computeruse.Simulator1.Error.TimedOut: 1 of 2 ComputerUseIPCHealthRequest events arrived in time");
 }
 
 // ---- how the process ends ----
@@ -432,8 +366,7 @@ TEST_F(SimulatorServiceTest, ALostBusEndsTheProcess) {
 
 TEST_F(SimulatorServiceTest, BadOptionsPrintTheUsageAndExitWithStatus2) {
   for (const char *option : {"--png-level=10", "--faults=[{\"crash\":1}]"}) {
-    ChildProcess process({RuntimeSimulatorProcess::defaultExecutable(), option},
-                         {{"DBUS_SESSION_BUS_ADDRESS", bus->address()}});
+    ChildProcess process({RuntimeSimulatorProcess::defaultExecutable(), option}, {{"DBUS_SESSION_BUS_ADDRESS", bus->address()}});
     EXPECT_EQ(process.wait(), 2) << option;
     EXPECT_NE(process.errorOutput().find("Usage: TavixComputerUseRuntimeSimulator"), std::string::npos) << option;
     EXPECT_EQ(process.readRemainingOutput(), "") << option;
@@ -477,11 +410,10 @@ TEST_F(SimulatorServiceTest, EightParkedNextUpdatesHoldBackNothingAndEachEnds) {
     EXPECT_EQ(updateType(replies[0].reply), "frame");
     EXPECT_TRUE(replyJSON(replies[0].reply)["update"].contains("screenshotDataURL"));
   }
-  // The last waits 300 ms, short enough to pass, and a busy machine may look only after it
-  // has: it is not awaited.
+  // The last waits 1 ms, and may time out before it is parked: it is not awaited.
   for (size_t client = 0; client < clients; ++client)
-    park(client, client + 1 < clients ? R"(,"timeoutMs":60000)" : R"(,"timeoutMs":300)", "MANY-2-" + std::to_string(client));
-  awaitWaiting(2 * clients - 1);
+    park(client, client + 1 < clients ? R"(,"timeoutMs":60000)" : R"(,"timeoutMs":1)", "MANY-2-" + std::to_string(client));
+  ASSERT_TRUE(control.awaitEvents(waiting, 2 * clients - 1).has_value());
   for (size_t client = 0; client < 5; ++client)
     EXPECT_EQ(control.send(cancelCaptureType, idBody("many-" + std::to_string(client)), "", 10s).value().bytes, "{}");
   EXPECT_EQ(control.send(cancelType, R"({"requestID":"MANY-2-5"})", "", 10s).value().bytes, "{}");
@@ -489,25 +421,12 @@ TEST_F(SimulatorServiceTest, EightParkedNextUpdatesHoldBackNothingAndEachEnds) {
   std::vector<std::string> ends;
   for (auto &waiter : waiters)
     for (const auto &[callID, reply] : waiter->awaitReplies())
-      ends.push_back(callID + " " + (!reply ? reply.error().name : reply->errn ? reply->errs.value_or("") : updateType(reply)));
+      ends.push_back(callID + " " + (!reply || reply->errn ? describe(reply) : updateType(reply)));
   EXPECT_EQ(ends, (std::vector<std::string>{"MANY-2-0 cancelled", "MANY-2-1 cancelled", "MANY-2-2 cancelled",
-                                            "MANY-2-3 cancelled", "MANY-2-4 cancelled", "MANY-2-5 Request cancelled",
+                                            "MANY-2-3 cancelled", "MANY-2-4 cancelled", "MANY-2-5 -128 Request cancelled",
                                             "CANCEL-6 {}", "MANY-2-6 cancelled", "MANY-2-7 timeout"}));
   for (const char *id : {"many-5", "many-7", "ninth"})
     ASSERT_TRUE(control.send(cancelCaptureType, idBody(id)));
-}
-
-// A next-update the service reads itself, before any look: its refusals are runtime errors.
-TEST_F(SimulatorServiceTest, UnknownCapturesAndMalformedNextUpdatesAreRuntimeErrors) {
-  const std::tuple<std::string, int32_t, std::string> rows[] = {
-      {nextBody("ghost", R"(,"timeoutMs":60000)"), -1728, "No capture is running with requestId \"ghost\""},
-      {"{", -50, "Invalid ComputerUseIPCAppNextCaptureUpdateRequest: the body is not JSON"},
-  };
-  for (const auto &[body, errn, errs] : rows) {
-    const auto reply = control.send(nextType, body);
-    EXPECT_EQ(reply.value().errn, errn) << body;
-    EXPECT_EQ(reply->errs, errs) << body;
-  }
 }
 
 } // namespace
