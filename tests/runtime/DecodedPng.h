@@ -46,17 +46,11 @@ inline DecodedPng decodePng(std::string_view file) {
 inline std::string decodeBase64(std::string_view text) {
   static constexpr std::string_view alphabet = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
   std::string bytes;
-  uint32_t buffer = 0;
-  int bits = 0;
-  for (char c : text) {
-    if (c == '=')
-      break;
+  uint32_t buffer = 0, bits = 0;
+  for (char c : text.substr(0, text.find('='))) {
     buffer = buffer << 6 | static_cast<uint32_t>(alphabet.find(c));
-    bits += 6;
-    if (bits >= 8) {
-      bits -= 8;
-      bytes.push_back(static_cast<char>(buffer >> bits & 0xFF));
-    }
+    if ((bits += 6) >= 8)
+      bytes.push_back(static_cast<char>(buffer >> (bits -= 8) & 0xFF));
   }
   return bytes;
 }

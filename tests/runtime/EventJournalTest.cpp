@@ -13,23 +13,12 @@ using runtime::EventJournal;
 using runtime::SendCall;
 
 SendCall call(std::string type, std::string body, SendCall::Payload payload = SendCall::Payload::inlineBytes) {
-  SendCall made;
-  made.eventClass = "ZlCu";
-  made.eventID = "SndR";
-  made.requestType = std::move(type);
-  made.requestID = "ID-1";
-  made.clientVersion = "1.0";
-  made.payload = payload;
-  made.body = std::move(body);
-  return made;
+  return {"ZlCu", "SndR", std::move(type), "ID-1", "1.0", payload, std::move(body), {}};
 }
 
 nlohmann::json json(std::string_view text) { return parseJSON(text).value(); }
 
 TEST(EventJournal, AnEntryDescribesTheCallAndKeepsABodyOfUpTo64KiB) {
-  SendCall bare;
-  bare.eventClass = "aevt";
-  bare.eventID = "odoc";
   // JSON strings whose whole text is 64 KiB, and a byte more.
   const std::string fits = "\"" + std::string(65534, 'x') + "\"", over = "\"" + std::string(65535, 'x') + "\"";
   const std::string head = R"({"requestType":"T","requestID":"ID-1","clientVersion":"1.0",)";
@@ -38,8 +27,8 @@ TEST(EventJournal, AnEntryDescribesTheCallAndKeepsABodyOfUpTo64KiB) {
        R"({"requestType":"ComputerUseIPCHealthRequest","requestID":"ID-1","clientVersion":"1.0","payload":"inline",
            "bodyBytes":30,"body":{"refreshClientActivity":true}})"},
       // Missing parts are null, and another event than a Send is named.
-      {bare, R"({"requestType":null,"requestID":null,"clientVersion":null,"payload":"none","bodyBytes":0,
-                 "eventClass":"aevt","eventID":"odoc"})"},
+      {{.eventClass = "aevt", .eventID = "odoc"},
+       R"({"requestType":null,"requestID":null,"clientVersion":null,"payload":"none","bodyBytes":0,"eventClass":"aevt","eventID":"odoc"})"},
       {call("T", fits, SendCall::Payload::memfd), head + R"("payload":"memfd","bodyBytes":65536,"body":)" + fits + "}"},
       {call("T", over, SendCall::Payload::memfd), head + R"("payload":"memfd","bodyBytes":65537})"},
       {call("T", "not json"), head + R"("payload":"inline","bodyBytes":8})"},

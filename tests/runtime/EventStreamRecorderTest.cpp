@@ -12,6 +12,7 @@ using runtime::EventStreamRecorder;
 using Clock = std::chrono::system_clock;
 using std::chrono::milliseconds;
 using std::chrono::seconds;
+using Status = ComputerUseIPCEventStreamSessionStatus;
 
 const Clock::time_point start = Clock::time_point(milliseconds(1767225600123)); // 2026-01-01T00:00:00.123Z
 
@@ -22,26 +23,20 @@ ComputerUseIPCEventStreamStartRequest startRequest(std::optional<int64_t> maxDur
 TEST(EventStreamRecorder, StartStatusStop) {
   EventStreamRecorder recorder;
   EXPECT_FALSE(recorder.status(start).isRecording);
-  const auto started = recorder.start(startRequest(120), start);
-  ASSERT_TRUE(started.has_value());
-  EXPECT_TRUE(started->isRecording);
-  EXPECT_EQ(started->sessionId, "session-1");
-  EXPECT_EQ(started->startedAt, "2026-01-01T00:00:00.123Z");
-  EXPECT_EQ(started->maxDurationSeconds, 120);
-  EXPECT_EQ(started->screenshotMode, ComputerUseIPCEventStreamScreenshotMode::windowChanges);
-  EXPECT_EQ(started->recordSessionId.value_or("").size(), 36u);
-  EXPECT_EQ(started->endedAt, std::nullopt);
+  const auto started = recorder.start(startRequest(120), start).value();
+  EXPECT_EQ(started.recordSessionId.value_or("").size(), 36u);
+  const auto mode = ComputerUseIPCEventStreamScreenshotMode::windowChanges;
+  EXPECT_EQ(started, (Status{.isRecording = true, .recordSessionId = started.recordSessionId, .startedAt = "2026-01-01T00:00:00.123Z",
+                             .sessionId = "session-1", .maxDurationSeconds = 120, .screenshotMode = mode}));
   // Starting while recording answers the running session.
   EXPECT_EQ(recorder.start(startRequest(30, "session-2"), start + seconds(1)), started);
   recorder.recordEvent(start + seconds(1));
   recorder.recordEvent(start + seconds(2));
   EXPECT_EQ(recorder.status(start + seconds(3)).eventCount, 2);
   const auto stopped = recorder.stop(ComputerUseIPCEventStreamEndReason::toolStopped, start + seconds(4));
-  EXPECT_FALSE(stopped.isRecording);
-  EXPECT_EQ(stopped.endReason, "toolStopped");
-  EXPECT_EQ(stopped.endedAt, "2026-01-01T00:00:04.123Z");
-  EXPECT_EQ(stopped.recordSessionId, started->recordSessionId);
-  EXPECT_EQ(stopped.eventCount, 2);
+  EXPECT_EQ(stopped, (Status{.isRecording = false, .recordSessionId = started.recordSessionId, .startedAt = "2026-01-01T00:00:00.123Z",
+                             .endedAt = "2026-01-01T00:00:04.123Z", .endReason = "toolStopped", .sessionId = "session-1",
+                             .eventCount = 2, .maxDurationSeconds = 120, .screenshotMode = mode}));
   recorder.recordEvent(start + seconds(5));
   EXPECT_EQ(recorder.status(start + seconds(5)).eventCount, 2);
   // Stopping again changes nothing.

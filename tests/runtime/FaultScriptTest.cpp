@@ -28,8 +28,7 @@ TEST(FaultScript, EachRuleBecomesItsFault) {
       {R"([{"errn":-1743,"errs":"Not allowed","delayMs":5}])", {5, Effect::error, -1743, "Not allowed", ""}},
       {R"([{"noDirectObject":true}])", {0, Effect::noDirectObject, 0, "", ""}},
       {R"([{"dbusError":"org.freedesktop.DBus.Error.AccessDenied"}])",
-       {0, Effect::dbusError, 0, "Simulated org.freedesktop.DBus.Error.AccessDenied",
-        "org.freedesktop.DBus.Error.AccessDenied"}},
+       {0, Effect::dbusError, 0, "Simulated org.freedesktop.DBus.Error.AccessDenied", "org.freedesktop.DBus.Error.AccessDenied"}},
       {R"([{"dbusError":"a.b","errs":"why"}])", {0, Effect::dbusError, 0, "why", "a.b"}},
       {R"([{"neverAnswer":true}])", {0, Effect::neverAnswer, 0, "", ""}},
       {R"([{"crash":true,"delayMs":20}])", {20, Effect::crash, 0, "", ""}},
@@ -79,38 +78,31 @@ TEST(FaultScript, RefusesWhatIsNotARule) {
   }
 }
 
-TEST(FaultScript, TimesBoundTheCallsARuleApplies) {
-  for (int64_t times : {1, 3}) {
-    FaultScript script = parsed(R"([{"errn":-1708,"times":)" + std::to_string(times) + "}]");
-    for (int64_t call = 1; call <= times; ++call)
-      EXPECT_EQ(script.take(health).value_or(Fault{}).errn, -1708) << "call " << call << " of " << times;
-    EXPECT_EQ(script.take(health), std::nullopt) << "call " << times + 1;
+// A script and the calls it meets in order, each with the errn of the fault it takes (0:
+// none, since every rule here has one).
+TEST(FaultScript, MatchingRulesAreTakenInOrderUntilUsedUp) {
+  const std::pair<std::string, std::vector<std::pair<std::string_view, int32_t>>> rows[] = {
+      // "times" bounds the calls a rule applies to.
+      {R"([{"errn":-1708,"times":1}])", {{health, -1708}, {health, 0}}},
+      {R"([{"errn":-1708,"times":3}])", {{health, -1708}, {health, -1708}, {health, -1708}, {health, 0}}},
+      // The first live matching rule wins; a named rule does not match another type, whose
+      // calls leave it alive.
+      {R"([{"requestType":"ComputerUseIPCHealthRequest","errn":1,"times":1},
+           {"requestType":"ComputerUseIPCHealthRequest","errn":2,"times":2}, {"errn":3}])",
+       {{getState, 3}, {health, 1}, {health, 2}, {health, 2}, {health, 3}, {getState, 3}}},
+      // Any type spares the cancel, which does not use the rule up; a named rule catches it.
+      {R"([{"errn":-1708,"times":1}])", {{cancel, 0}, {health, -1708}}},
+      {R"([{"requestType":"ComputerUseIPCCancelRequest","errn":5}])", {{cancel, 5}, {health, 0}}},
+  };
+  for (const auto &[json, calls] : rows) {
+    FaultScript script = parsed(json);
+    for (const auto &[type, errn] : calls)
+      EXPECT_EQ(script.take(type).value_or(Fault{}).errn, errn) << json << " " << type;
   }
+  // Without "times", a rule applies to every call.
   FaultScript forever = parsed(R"([{"errn":-1708}])");
   for (int call = 0; call < 1000; ++call)
     ASSERT_TRUE(forever.take(health).has_value());
-}
-
-TEST(FaultScript, TheFirstLiveMatchingRuleWins) {
-  FaultScript script = parsed(R"([
-    {"requestType":"ComputerUseIPCHealthRequest","errn":1,"times":1},
-    {"requestType":"ComputerUseIPCHealthRequest","errn":2,"times":2},
-    {"errn":3}])");
-  EXPECT_EQ(script.take(getState)->errn, 3) << "a named rule does not match another type";
-  EXPECT_EQ(script.take(health)->errn, 1);
-  EXPECT_EQ(script.take(health)->errn, 2);
-  EXPECT_EQ(script.take(health)->errn, 2);
-  EXPECT_EQ(script.take(health)->errn, 3);
-  EXPECT_EQ(script.take(getState)->errn, 3) << "uses of other types left the rule alive";
-}
-
-TEST(FaultScript, AnyTypeSparesTheCancelButANamedRuleCatchesIt) {
-  FaultScript any = parsed(R"([{"errn":-1708,"times":1}])");
-  EXPECT_EQ(any.take(cancel), std::nullopt);
-  EXPECT_EQ(any.take(health)->errn, -1708) << "the cancel did not use up the rule";
-  FaultScript named = parsed(R"([{"requestType":"ComputerUseIPCCancelRequest","delayMs":50}])");
-  EXPECT_EQ(named.take(cancel)->delayMs, 50u);
-  EXPECT_EQ(named.take(health), std::nullopt);
 }
 
 TEST(FaultScript, BusErrorNames) {

@@ -17,27 +17,17 @@ namespace {
 using namespace runtime;
 
 using Check = std::function<bool(const std::string &)>;
-struct Row {
-  std::string_view type;
-  std::string body;
-  Check answers;
-};
+struct Row { std::string_view type; std::string body; Check answers; };
 
 // A request of type `Request` whose reply `check` accepts, by default one its response
 // record decodes.
-template <typename Request> Row row(std::string body, Check check) {
+template <typename Request> Row row(std::string body, Check check = [](const std::string &bytes) {
+  const auto json = parseJSON(bytes);
+  return json && Request::Response::fromJSON(*json).has_value();
+}) {
   return {Request::requestType, std::move(body), std::move(check)};
 }
-template <typename Request> Row row(std::string body) {
-  return row<Request>(std::move(body), [](const std::string &bytes) {
-    const auto json = parseJSON(bytes);
-    return json && Request::Response::fromJSON(*json).has_value();
-  });
-}
-
-Check is(std::string expected) {
-  return [expected](const std::string &bytes) { return bytes == expected; };
-}
+Check is(std::string expected) { return [expected](const std::string &bytes) { return bytes == expected; }; }
 
 class RequestRouterTest : public testing::Test {
 protected:
