@@ -17,6 +17,7 @@
 #include <gtest/gtest.h>
 
 #include <climits>
+#include <functional>
 #include <ranges>
 
 namespace tavix::test {
@@ -126,14 +127,12 @@ TEST_F(VirtualDesktopTest, AnUnknownAppIsAnErrorResultNamingTheApps) {
 
 TEST_F(VirtualDesktopTest, ObservationChoosesTextImageOrBoth) {
   const std::pair<std::optional<Observation>, std::vector<std::string>> rows[] = {
-      {std::nullopt, {"text", "image"}}, {Observation::both, {"text", "image"}},
-      {Observation::state, {"text"}}, {Observation::screenshot, {"image"}}};
+      {std::nullopt, {"text", "image image/png"}}, {Observation::both, {"text", "image image/png"}},
+      {Observation::state, {"text"}}, {Observation::screenshot, {"image image/png"}}};
   for (const auto &[observation, types] : rows) {
     std::vector<std::string> seen;
-    for (const auto &block : state(desktop, "Files", observation).content) {
-      seen.push_back(block.type);
-      EXPECT_EQ(block.mimeType, block.type == "image" ? std::optional<std::string>("image/png") : std::nullopt);
-    }
+    for (const auto &block : state(desktop, "Files", observation).content)
+      seen.push_back(block.type + (block.mimeType ? " " + *block.mimeType : ""));
     EXPECT_EQ(seen, types);
   }
 }
@@ -266,7 +265,7 @@ TEST_F(VirtualDesktopTest, ActionsThatCannotBeDoneAnswerErrorResultsAndChangeNot
 
 // ---- the screenshot ----
 
-TEST_F(VirtualDesktopTest, TheScreenshotIsAPngOfTheWindowThatFollowsTheState) {
+TEST_F(VirtualDesktopTest, TheScreenshotIsAPngOfTheWindowDrawnOncePerChange) {
   const DecodedPng before = screenshot("Notes");
   ASSERT_EQ(before.problem, "");
   EXPECT_EQ(std::pair(before.width, before.height), std::pair(800u, 600u));
@@ -275,24 +274,19 @@ TEST_F(VirtualDesktopTest, TheScreenshotIsAPngOfTheWindowThatFollowsTheState) {
   const Rect title = VirtualAppCatalogue::makeNotes(width, height).element(1).frame;
   const auto colour = [](Rgb rgb) { return uint32_t(rgb.red) << 16 | uint32_t(rgb.green) << 8 | rgb.blue; };
   EXPECT_EQ(before.pixel(uint32_t(title.x), uint32_t(title.y)), colour(WindowRenderer::border));
+  // A repeated state answers it from memory, another app's is drawn, a state without an
+  // image draws none.
+  EXPECT_EQ(state(desktop, "Notes", std::nullopt), state(desktop, "Notes", std::nullopt));
+  state(desktop, "Files", std::nullopt);
+  state(desktop, "Calculator");
+  EXPECT_EQ(desktop.screenshotsEncoded(), 2u);
+  // A change draws it anew.
   act(desktop, "Notes", click(1));
   const DecodedPng focused = screenshot("Notes");
   EXPECT_EQ(focused.pixel(uint32_t(title.x), uint32_t(title.y)), colour(WindowRenderer::focusBorder));
+  EXPECT_EQ(desktop.screenshotsEncoded(), 3u);
   act(desktop, "Notes", type("W"));
   EXPECT_NE(screenshot("Notes").samples, focused.samples);
-}
-
-TEST_F(VirtualDesktopTest, RepeatedStatesAnswerTheScreenshotFromMemory) {
-  const auto first = state(desktop, "Notes", std::nullopt);
-  EXPECT_EQ(state(desktop, "Notes", std::nullopt), first);
-  EXPECT_EQ(desktop.screenshotsEncoded(), 1u);
-  state(desktop, "Files", std::nullopt);
-  EXPECT_EQ(desktop.screenshotsEncoded(), 2u);
-  act(desktop, "Notes", click(3));
-  EXPECT_NE(state(desktop, "Notes", std::nullopt).content[1].data, first.content[1].data);
-  EXPECT_EQ(desktop.screenshotsEncoded(), 3u);
-  state(desktop, "Notes"); // no image asked, none drawn
-  EXPECT_EQ(desktop.screenshotsEncoded(), 3u);
 }
 
 // ---- health and recording ----
@@ -380,28 +374,35 @@ TEST_F(VirtualDesktopTest, ACaptureTargetNamesTheAppItsWindowAndASmallIcon) {
   EXPECT_EQ(icons.size(), 3u);
 }
 
-TEST_F(VirtualDesktopTest, TheFrontmostAppIsTheOneAnActionOrAStartLastNamed) {
-  // A start's target, and the one app list_apps marks.
-  auto frontmost = [&, number = 0]() mutable {
+// After each step, the frontmost app (a start's target, and the one app list_apps marks)
+// and the versions the change listener heard. An action or a start names the frontmost
+// app, a state request does not; only an action is a change, failed or not. The listener
+// hears it after the desktop's lock is let go, or reading the version in it would deadlock.
+TEST_F(VirtualDesktopTest, TheFrontmostAppAndTheChangesTheListenerHears) {
+  std::vector<uint64_t> heard;
+  desktop.setChangeListener([&] { heard.push_back(desktop.stateVersion()); });
+  const std::tuple<std::function<void()>, const char *, std::vector<uint64_t>> steps[] = {
+      {[] {}, notes, {}},
+      {[&] { act(desktop, "Calculator", click(2)); }, calculator, {1}},
+      {[&] { act(desktop, "Paint", click(1)); }, calculator, {1}}, // an unknown app: nothing
+      {[&] { desktop.startApp({"Files"}); }, files, {1}},
+      {[&] { desktop.startApp({"Paint"}); }, files, {1}},
+      {[&] { act(desktop, "notes", click(999)); }, notes, {1, 2}},
+      {[&] { state(desktop, "Files", std::nullopt); }, notes, {1, 2}},
+      {[&] { lookNow("front-1"); desktop.cancelCapture("front-1"); }, notes, {1, 2}},
+      {[&] { act(desktop, "Files", click(1)); }, files, {1, 2, 3}},
+      {[&] { desktop.setChangeListener({}); act(desktop, "Files", click(1)); }, files, {1, 2, 3}},
+  };
+  int number = 0;
+  for (const auto &[step, frontmost, versions] : steps) {
+    step();
     const std::string list = *desktop.listApps({})->content.at(0).text;
     EXPECT_EQ(list.find("frontmost"), list.rfind("frontmost")) << list;
-    const std::string target = startOf(start("front-" + std::to_string(++number)));
-    EXPECT_EQ(list.substr(list.find(')', list.find("(" + target + ",")), 12), "), frontmost") << list;
-    return target;
-  };
-  EXPECT_EQ(frontmost(), notes);
-  act(desktop, "Calculator", click(2));
-  EXPECT_EQ(frontmost(), calculator);
-  act(desktop, "Paint", click(1)); // an unknown app changes nothing
-  EXPECT_EQ(frontmost(), calculator);
-  desktop.startApp({"Files"});
-  EXPECT_EQ(frontmost(), files);
-  desktop.startApp({"Paint"});
-  EXPECT_EQ(frontmost(), files);
-  act(desktop, "notes", click(999)); // a failed action does
-  EXPECT_EQ(frontmost(), notes);
-  state(desktop, "Files"); // a state request does not
-  EXPECT_EQ(frontmost(), notes);
+    EXPECT_EQ(list.substr(list.find(')', list.find(std::string("(") + frontmost + ",")), 12), "), frontmost") << list;
+    EXPECT_EQ(startOf(start("front-" + std::to_string(++number))), frontmost) << number;
+    EXPECT_EQ(heard, versions) << number;
+  }
+  EXPECT_EQ(desktop.stateVersion(), 4u);
 }
 
 TEST_F(VirtualDesktopTest, TheWindowsPictureComesFirstThenOneAfterEachChange) {
@@ -482,28 +483,6 @@ TEST_F(VirtualDesktopTest, UnknownAndCancelledCaptures) {
   EXPECT_FALSE(desktop.cancelCapture("ghost"));
   EXPECT_TRUE(desktop.cancelCapture("kept"));
   EXPECT_FALSE(desktop.cancelCapture("kept"));
-}
-
-TEST_F(VirtualDesktopTest, TheChangeListenerHearsEachChangeAfterTheLockIsLetGo) {
-  std::vector<uint64_t> heard;
-  // Reading the version from inside the listener would deadlock under the desktop's lock.
-  desktop.setChangeListener([&] { heard.push_back(desktop.stateVersion()); });
-  act(desktop, "Notes", click(1));
-  act(desktop, "Notes", click(999)); // a failed action is a change
-  // None of these is.
-  act(desktop, "Paint", click(1));
-  state(desktop, "Notes", std::nullopt);
-  startOf(start("listened"));
-  lookNow("listened");
-  desktop.cancelCapture("listened");
-  desktop.startApp({"Files"});
-  EXPECT_EQ(heard, (std::vector<uint64_t>{1, 2}));
-  act(desktop, "Files", click(1));
-  desktop.setChangeListener({});
-  act(desktop, "Files", click(1));
-  // Each call saw the version its change made.
-  EXPECT_EQ(heard, (std::vector<uint64_t>{1, 2, 3}));
-  EXPECT_EQ(desktop.stateVersion(), 4u);
 }
 
 } // namespace
