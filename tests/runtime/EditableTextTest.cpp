@@ -46,10 +46,8 @@ TEST(EditableText, EditsAndMoves) {
     SCOPED_TRACE(++row);
     EditableText text(start);
     edit(text);
-    EXPECT_EQ(text.value(), value);
-    EXPECT_EQ(text.selectionStart(), selectionStart);
-    EXPECT_EQ(text.selectionEnd(), selectionEnd);
-    EXPECT_EQ(text.hasSelection(), selectionStart != selectionEnd);
+    EXPECT_EQ(std::tuple(text.value(), text.selectionStart(), text.selectionEnd(), text.hasSelection()),
+              std::tuple(value, selectionStart, selectionEnd, selectionStart != selectionEnd));
   }
 }
 

@@ -5,17 +5,12 @@
 pkg_check_modules(LIBPNG REQUIRED IMPORTED_TARGET libpng)
 
 target_sources(tavix_tests PRIVATE
-  ${CMAKE_CURRENT_LIST_DIR}/Base64EncoderTest.cpp
-  ${CMAKE_CURRENT_LIST_DIR}/BitmapFontTest.cpp
   ${CMAKE_CURRENT_LIST_DIR}/CancellationTest.cpp
   ${CMAKE_CURRENT_LIST_DIR}/EditableTextTest.cpp
-  ${CMAKE_CURRENT_LIST_DIR}/EventJournalTest.cpp
-  ${CMAKE_CURRENT_LIST_DIR}/EventStreamRecorderTest.cpp
-  ${CMAKE_CURRENT_LIST_DIR}/FaultScriptTest.cpp
-  ${CMAKE_CURRENT_LIST_DIR}/PngEncoderTest.cpp
-  ${CMAKE_CURRENT_LIST_DIR}/ReplyCacheTest.cpp
-  ${CMAKE_CURRENT_LIST_DIR}/ReplyFormTest.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/EventRecordingTest.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/RepliesTest.cpp
   ${CMAKE_CURRENT_LIST_DIR}/RequestRouterTest.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/ScreenshotEncodingTest.cpp
   ${CMAKE_CURRENT_LIST_DIR}/SimulatorOptionsTest.cpp
   ${CMAKE_CURRENT_LIST_DIR}/SimulatorServiceTest.cpp
   ${CMAKE_CURRENT_LIST_DIR}/VirtualDesktopTest.cpp

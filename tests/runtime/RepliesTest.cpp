@@ -1,9 +1,14 @@
+// How a reply travels by its size: inline up to 64 KiB, in a memfd above when descriptors
+// pass, refused above 48 MiB with a text that gives the size.
+//
 // Kept state replies: the same request at the same desktop version is answered with the
 // very reply made before, anything else makes a new one; a version that moves while a
 // reply is made, a failure, or an older version than one kept leaves nothing behind; the
 // least recently used entry goes at the capacity; callers on many threads get one reply.
 
 #include "runtime/ReplyCache.h"
+#include "runtime/ReplyForm.h"
+#include "runtime/SendReply.h"
 
 #include <gtest/gtest.h>
 
@@ -16,6 +21,21 @@ namespace {
 
 using namespace runtime;
 using Reply = ReplyCache::Reply;
+
+TEST(ReplyForm, BySizeAndDescriptorPassing) {
+  constexpr size_t mib48 = 48 * 1024 * 1024;
+  const std::tuple<size_t, bool, ReplyForm> rows[] = {
+      {0, true, ReplyForm::inlineBytes},          {65536, true, ReplyForm::inlineBytes},
+      {65537, true, ReplyForm::sealedMemfd},      {65537, false, ReplyForm::inlineBytes},
+      {mib48, true, ReplyForm::sealedMemfd},      {mib48, false, ReplyForm::inlineBytes},
+      {mib48 + 1, true, ReplyForm::tooLarge},     {mib48 + 1, false, ReplyForm::tooLarge},
+  };
+  for (const auto &[bytes, descriptors, form] : rows)
+    EXPECT_EQ(replyFormFor(bytes, descriptors), form) << bytes << " " << descriptors;
+  const auto refused = runtime::SendReply::response(std::string(mib48 + 1, ' '), true);
+  EXPECT_EQ(refused.error, (runtime::RuntimeError{-1700, "The reply of 50331649 bytes is over the limit of 50331648 bytes"}));
+  EXPECT_FALSE(refused.directObject || refused.responseFile);
+}
 
 // A cache with a version the test sets and a maker that counts what it makes; it fails,
 // or moves the version while it makes a reply, when told to.
@@ -57,12 +77,10 @@ TEST(ReplyCacheTest, OnlyTheSameBodyFormAndVersionIsServedAgain) {
 }
 
 TEST(ReplyCacheTest, WhatCannotBeServedAgainIsNotKept) {
-  Harness harness;
-  harness.failing = true;
-  harness.ask("{");
-  harness.ask("{");
-  EXPECT_EQ(harness.made, 2);
-  EXPECT_EQ(harness.cache.size(), 0u) << "a failure was kept";
+  Harness harness{.failing = true};
+  for (int time = 0; time < 2; ++time)
+    harness.ask("{");
+  EXPECT_EQ(std::pair(harness.made, harness.cache.size()), std::pair(2, size_t{0})) << "a failure was kept";
   harness.failing = false;
   harness.moving = true;
   ASSERT_TRUE(harness.ask("{}"));
