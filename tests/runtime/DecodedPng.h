@@ -29,9 +29,7 @@ inline DecodedPng decodePng(std::string_view file) {
   png_image image{};
   image.version = PNG_IMAGE_VERSION;
   if (png_image_begin_read_from_memory(&image, file.data(), file.size()) != 0) {
-    png.width = image.width;
-    png.height = image.height;
-    png.format = image.format;
+    png = {image.width, image.height, image.format, {}, {}};
     image.format = PNG_FORMAT_RGB;
     png.samples.resize(PNG_IMAGE_SIZE(image));
     png_image_finish_read(&image, nullptr, png.samples.data(), 0, nullptr);

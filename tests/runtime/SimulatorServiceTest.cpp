@@ -42,6 +42,7 @@ using ToolResult = ComputerUseIPCToolResultResponse;
 using Health = ComputerUseIPCHealthResponse;
 
 constexpr const char *busName = "com.tavix.computeruse", *waiting = "captureUpdateWaiting";
+// Request types by their names on the wire, as the bridge sends them.
 constexpr std::string_view healthType = "ComputerUseIPCHealthRequest", listAppsType = "ComputerUseIPCListAppsRequest",
                            getStateType = "ComputerUseIPCAppGetStateRequest", performType = "ComputerUseIPCAppPerformActionRequest",
                            usageType = "ComputerUseIPCAppUsageRequest", cancelType = "ComputerUseIPCCancelRequest",
@@ -70,7 +71,7 @@ std::string updateType(const Reply &reply) {
 }
 
 std::string idBody(const std::string &id) { return R"({"requestId":")" + id + R"("})"; }
-std::string nextBody(const std::string &id, std::string_view timeout = "") { return R"({"requestId":")" + id + "\"" + std::string(timeout) + "}"; }
+std::string nextBody(const std::string &id, std::string_view more = "") { return R"({"requestId":")" + id + "\"" + std::string(more) + "}"; }
 std::string clickBody(const char *app, int element) {
   return R"({"app":")" + std::string(app) + R"(","action":{"click":{"_0":{"elementIndex":)" + std::to_string(element) +
          R"(,"clickCount":1,"mouseButton":0}}}})";
@@ -165,7 +166,7 @@ TEST_F(SimulatorServiceTest, RequestsAndRepliesTravelInlineUpTo64KiBAndInAMemfdA
   EXPECT_FALSE(decoded<ToolResult>(overLimit).isError);
   // A four-megabyte paste goes in a memfd both ways, and is journalled without its body.
   ASSERT_TRUE(control.send(performType, clickBody("Notes", 2)));
-  const std::string body = R"({"app":"Notes","action":{"paste":{"_0":{"text":")" + std::string(PasteParams::maxTextBytes, 'q') + R"(","format":"text"}}}})";
+  const std::string body = R"({"app":"Notes","action":{"paste":{"_0":{"text":")" + std::string(4000000, 'q') + R"(","format":"text"}}}})";
   const auto reply = control.send(performType, body, "PASTE");
   EXPECT_EQ(reply.value().form, Form::responseFile);
   EXPECT_FALSE(decoded<ToolResult>(reply).isError);
@@ -178,7 +179,7 @@ TEST_F(SimulatorServiceTest, RequestsAndRepliesTravelInlineUpTo64KiBAndInAMemfdA
 // without a response. A request file must be a memfd sealed against every change.
 TEST_F(SimulatorServiceTest, MalformedSendsAreRefusedWithTheirErrorNumbers) {
   const auto inFile = [](int fd) { return [fd](SendArguments &a) { a.requestData.reset(); a.requestFile = fd; }; };
-  const auto ofType = [](std::string_view type, std::string body) { return [=](SendArguments &a) { a.requestType = std::string(type); a.requestData = body; }; };
+  const auto ofType = [](std::string_view t, std::string body) { return [=](SendArguments &a) { a.requestType = t; a.requestData = body; }; };
   const std::string notSealed = "-1700 ReqF is not a memfd sealed against writing, shrinking and growing of at most 64 MiB";
   const std::pair<std::function<void(SendArguments &)>, std::string> rows[] = {
       {[](SendArguments &a) { a.eventClass = "aevt"; a.eventID = "odoc"; }, "-1708 Event not handled: aevt/odoc"},

@@ -30,6 +30,7 @@ using Observation = ComputerUseIPCObservationKind;
 using Action = ComputerUseIPCAction;
 using Result = ComputerUseIPCToolResultResponse;
 using Point = std::pair<double, double>;
+using Mode = TextSelectionMode;
 
 constexpr const char *notes = "com.tavix.sim.notes", *calculator = "com.tavix.sim.calculator", *files = "com.tavix.sim.files";
 constexpr int width = 800, height = 600;
@@ -41,7 +42,7 @@ Action key(std::string name) { return {PressKeyParams{std::move(name)}}; }
 Action setValue(int64_t index, std::string value) { return {SetValueParams{index, std::move(value)}}; }
 Action scroll(int64_t index, int64_t direction, double pages = 1) { return {ScrollParams{index, {}, {}, direction, pages}}; }
 Action drag(Point from, Point to) { return {DragParams{from.first, from.second, to.first, to.second}}; }
-Action selectText(int64_t index, std::string text, TextSelectionMode mode) { return {TextSelectionParams{index, std::move(text), {}, {}, mode}}; }
+Action selectText(int64_t index, std::string text, Mode mode = Mode::text) { return {TextSelectionParams{index, std::move(text), {}, {}, mode}}; }
 Action secondary(int64_t index, std::optional<std::string> name) { return {PerformSecondaryActionParams{index, std::move(name)}}; }
 Action paste(std::string text) { return {PasteParams{std::move(text), PasteFormat::text}}; }
 
@@ -139,8 +140,8 @@ TEST_F(VirtualDesktopTest, EachActionChangesTheNextState) {
       {"Notes", {clickAt(centre(1)), type("x")}, {"\"Title\" value: \"x\" (focused"}},
       // Save changes the status, the window and the recent notes; a click presses as many
       // times as it counts, but at most ten; a right click only shows the menu.
-      {"Notes", {click(1), type("Plan"), click(3)},
-       {"\"Status\" value: \"Saved 1 time\"", "\n0 window \"Notes - Plan\"\n", "\n    6 row \"Plan\" secondary", "(shows items 1-4 of 13, scrollable)"}},
+      {"Notes", {click(1), type("Plan"), click(3)}, {"\"Status\" value: \"Saved 1 time\"", "\n0 window \"Notes - Plan\"\n",
+                                                     "\n    6 row \"Plan\" secondary", "(shows items 1-4 of 13, scrollable)"}},
       {"Notes", {click(3, VirtualAppActions::maximumPresses)}, {"\"Saved 10 times\""}},
       {"Notes", {click(3, VirtualAppActions::maximumPresses + 1)}, {"\"Saved 10 times\""}},
       {"Notes", {click(3, 1, 1)}, {"\"Not saved\""}},
@@ -160,8 +161,8 @@ TEST_F(VirtualDesktopTest, EachActionChangesTheNextState) {
       {"Notes", {setValue(2, "Line \"one\"")}, {"\"Body\" value: \"Line \\\"one\\\"\" secondary", "Focused element: none"}},
       // A text selected by a prefix is replaced by typing; the cursor goes before or after
       // a text.
-      {"Notes", {setValue(1, "ab ab"), Action{TextSelectionParams{1, "ab", "ab ", {}, TextSelectionMode::text}}, type("X"), selectText(1, "X", TextSelectionMode::cursorBefore),
-                 type("big "), selectText(1, "ab", TextSelectionMode::cursorAfter), type(",")}, {"\"ab, big X\" (focused, cursor at byte 3)"}},
+      {"Notes", {setValue(1, "ab ab"), Action{TextSelectionParams{1, "ab", "ab ", {}, Mode::text}}, type("X"), selectText(1, "X", Mode::cursorBefore),
+                 type("big "), selectText(1, "ab", Mode::cursorAfter), type(",")}, {"\"ab, big X\" (focused, cursor at byte 3)"}},
       // Scrolling a list by pages; a row scrolls its list; scrolling stops at the bottom.
       {"Notes", {scroll(5, 1)}, {"(shows items 5-8 of 12, scrollable)", "\n    6 row \"Recipes\" secondary"}},
       {"Notes", {scroll(5, 1, 100), scroll(7, 0, 0.5)}, {"(shows items 7-10 of 12, scrollable)"}},
@@ -221,8 +222,8 @@ TEST_F(VirtualDesktopTest, ActionsThatCannotBeDoneAnswerErrorResultsAndChangeNot
       {"Calculator", {}, key("x"), Kind::invalidArgument,
        "The key \"x\" does nothing in Calculator: no text field has keyboard focus and no button answers it."},
       {"Notes", {}, setValue(3, "x"), Kind::invalidElement, "button \"Save\" (element 3) has no value that can be set."},
-      {"Notes", {setValue(1, "abc")}, selectText(1, "zz", TextSelectionMode::text), Kind::invalidArgument, "The text \"zz\" is not in text field \"Title\" (element 1)."},
-      {"Notes", {}, selectText(3, "Save", TextSelectionMode::text), Kind::invalidElement, "button \"Save\" (element 3) has no text to select."},
+      {"Notes", {setValue(1, "abc")}, selectText(1, "zz"), Kind::invalidArgument, "The text \"zz\" is not in text field \"Title\" (element 1)."},
+      {"Notes", {}, selectText(3, "Save"), Kind::invalidElement, "button \"Save\" (element 3) has no text to select."},
       {"Notes", {}, scroll(3, 1), Kind::invalidElement, "button \"Save\" (element 3) does not scroll; only lists do."},
       {"Notes", {}, scroll(5, 3), Kind::invalidArgument, "Cannot scroll the list \"Recent notes\" sideways: it scrolls up and down."},
       {"Notes", {}, drag({100, 58}, {100, 100}), Kind::invalidArgument, "Nothing to drag at (100, 58): only the rows of a list can be dragged."},
