@@ -134,7 +134,8 @@ TEST(IPCBlockingSendExecutor, CancellingAWaitingJobRejectsItAtOnceAndItNeverRuns
        cancelledTicket = std::make_shared<IPCSendTicket>();
   bench.executor.enqueue(bench.job("finished", finishedTicket));
   bench.release("finished");
-  bench.finished(1);
+  // Idle, not just finished: until its worker is free again, "kept" would find no place.
+  ASSERT_TRUE(bench.executor.waitUntilIdle(std::chrono::steady_clock::now() + 60s));
   bench.executor.enqueue(bench.job("running", runningTicket));
   bench.executor.enqueue(bench.job("cancelled", cancelledTicket));
   bench.enqueue("kept");
